@@ -1,0 +1,82 @@
+#include "sim/seams.h"
+
+#include <dlfcn.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+
+namespace sim {
+namespace {
+
+std::atomic<int> sleepFactor{1};
+std::atomic<std::uint64_t> sleepCount{0};
+std::atomic<std::int64_t> sleepMicroseconds{0};
+std::atomic<void (*)(std::chrono::microseconds)> afterSleep{nullptr};
+
+// Plain memory: getpwuid may be called before and after the life of any object.
+std::array<char, 4096> home{};
+
+int Usleep(useconds_t microseconds) {
+    static const auto next = reinterpret_cast<int (*)(useconds_t)>(dlsym(RTLD_NEXT, "usleep"));
+    return next(microseconds);
+}
+
+}  // namespace
+
+void SetSleepFactor(int factor) { sleepFactor = std::max(1, factor); }
+
+std::chrono::steady_clock::duration ScaledDelay(std::chrono::milliseconds delay) {
+    return std::chrono::steady_clock::duration(delay) / sleepFactor.load();
+}
+
+SleepTally Sleeps() { return {sleepCount, std::chrono::microseconds(sleepMicroseconds)}; }
+
+void ClearSleeps() {
+    sleepCount = 0;
+    sleepMicroseconds = 0;
+}
+
+void SetAfterSleep(void (*hook)(std::chrono::microseconds)) { afterSleep = hook; }
+
+void SetHome(const std::string& folder) {
+    home.fill('\0');
+    folder.copy(home.data(), home.size() - 1);
+}
+
+}  // namespace sim
+
+extern "C" {
+
+[[gnu::visibility("default")]] int usleep(useconds_t microseconds) {
+    sim::sleepCount += 1;
+    sim::sleepMicroseconds += microseconds;
+    const int factor = sim::sleepFactor;
+    const std::chrono::microseconds asked(microseconds);
+    if (factor == 1 || asked < sim::LONG_SLEEP) return sim::Usleep(microseconds);
+    const int result = sim::Usleep(microseconds / static_cast<useconds_t>(factor));
+    if (auto* hook = sim::afterSleep.load()) hook(asked);
+    return result;
+}
+
+[[gnu::visibility("default")]] passwd* getpwuid(uid_t uid) {
+    static const auto next = reinterpret_cast<passwd* (*)(uid_t)>(dlsym(RTLD_NEXT, "getpwuid"));
+    passwd* real = next(uid);
+    if (sim::home.front() == '\0' || uid != getuid()) return real;
+    // As libc's, the result lives in one static record; a user without an entry gets one.
+    static passwd entry;
+    static char name[] = "tq";
+    static char empty[] = "";
+    if (real != nullptr) {
+        entry = *real;
+    } else {
+        entry = {name, empty, uid, getgid(), empty, sim::home.data(), empty};
+    }
+    entry.pw_dir = sim::home.data();
+    return &entry;
+}
+
+}  // extern "C"
