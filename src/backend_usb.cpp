@@ -1,5 +1,6 @@
 #include "backend_usb.h"
 
+#include "device_interface.h"
 #include "tq_assert.h"
 #include "tq_lib.h"
 #include "vk_critical_section.h"
@@ -250,6 +251,26 @@ bool WaitForBoot(DeviceHandle handle) {
         if (ready) return true;
     }
     return false;
+}
+
+TqStatus ExecuteBootToRunSequence(int serialNumber) {
+    OwnedDeviceHandle handle(GetUSBDeviceHandleBySerial(serialNumber));
+    if (handle == nullptr) return tqDeviceNotFoundErr;
+
+    bool isRunProgram = false;
+    TqDeviceType deviceType;
+    if (!IsValidFx3Program(handle.get(), isRunProgram, deviceType)) return tqBootErr;
+    if (isRunProgram) return tqNoError;
+
+    DeviceInterface device;
+    TqStatus status = device.ConnectBoot(handle.get());
+    if (status != tqNoError) return status;
+    static_cast<void>(handle.release());
+    status = device.BootToRun();
+    if (status != tqNoError) return status;
+    SystemSleep(USB_RESTART_MS);
+    device.Disconnect();
+    return tqNoError;
 }
 
 struct USBBulkTransferData {

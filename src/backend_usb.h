@@ -132,6 +132,11 @@ bool ReadCtrlEndpoint(DeviceHandle handle, uint8_t reqCode, uint8_t* buf, long& 
 // that fails counts as not yet ready, since an instrument that has just joined the bus need not answer at once.
 bool WaitForBoot(DeviceHandle handle);
 
+// Takes an instrument from its boot program to its run program. Blocks for the 3 s that it stays away; handles to it
+// are dead afterwards. tqDeviceNotFoundErr: not attached. tqBootErr: runs neither program. tqNoError otherwise, also
+// for one that was in its run program already.
+TqStatus ExecuteBootToRunSequence(int serialNumber);
+
 // The download of firmware into a controller that holds none is not supported on Linux: no such device is found.
 inline DeviceHandle FindInitBootDevice(const char*) { return nullptr; }
 inline bool LoadBootloaderProgram(const char*) { return true; }

@@ -1,8 +1,14 @@
-// Helpers used all over the library: sleep, clocks and thread priorities. No state; any thread.
+// Helpers used all over the library: sleep and clocks, thread priorities, small arithmetic of the planners, and the
+// two files that the library keeps per instrument in the user's home folder. No state but the path of that folder; any
+// thread.
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <thread>
+
+#include "tq_api.h"
+#include "tq_correction_def.h"
 
 void SystemSleep(int milliseconds);
 uint64_t GetSystemTicks();  // monotonic clock, [ms]
@@ -15,3 +21,36 @@ void SetThreadPriorityAboveNormal(std::thread& thread);
 void SetThreadPriorityTimeCritical(std::thread& thread);
 // Threads carry no names on Linux.
 inline void SetThreadName(std::thread&, const char*) {}
+
+// Bytes of one complex sample.
+int GetDataTypeSize(TqDataType dataType);
+
+// Smallest multiple of `multiple` that is not below v; v not negative, multiple above 0.
+int64_t NextMultipleOf(int64_t v, int64_t multiple);
+
+// Splits a decimation, a power of two, between FPGA (at most 4) and host.
+void CalculateDecimation(int totalDecimation, int& hwDecimation, int& swDecimation);
+
+// The largest power of two, up to 256, by which the base rate can be decimated with `span` [Hz] still in band. The
+// span is below the usable bandwidth of the base rate, 47.18592 MHz.
+int GetNarrowSweepDecimation(double span);
+
+// A 13-bit reading in quarter degrees, bits 2 to 12 of v, as [degrees Celsius].
+float ConvertTempAuxToC(uint16_t v);
+
+// The folder of the local files, with a trailing slash, made if need be. Empty: there is no usable one, and none of
+// the files below exists or can be written.
+std::string GetCorrectionFilePath();
+bool FileExists(const std::string& path);
+
+// The cached calibration record of an instrument, sizeof(TQ720CalData) bytes at calMem. Get: false, and calMem
+// untouched, when the file cannot be read or is too short. Save replaces the file in one step, so that no crash and no
+// other process leaves half a record. May throw std::bad_alloc.
+bool CorrectionFileExists(int serialNumber);
+bool SaveCorrectionFile(int serialNumber, const void* calMem);
+bool GetCorrectionsFromFile(int serialNumber, void* calMem);
+
+// The last timebase value learned from GPS. Read: false, and cal untouched, when there is no good file. Store replaces
+// the file in one step; engine threads call it.
+bool StoreGPSCorrection(int serial, TqGPSCal cal);
+bool ReadGPSCorrection(int serial, TqGPSCal& cal);

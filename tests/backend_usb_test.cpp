@@ -94,6 +94,7 @@ TEST_F(BackendUsb, EmptyBusGivesEmptyListings) {
     EXPECT_TRUE(GetAvailableDeviceSerialNumbers({TQ720_PRODUCT_ID}).empty());
     EXPECT_TRUE(GetAllDevices().empty());
     EXPECT_EQ(GetUSBDeviceHandleBySerial(12345678), nullptr);
+    EXPECT_EQ(ExecuteBootToRunSequence(12345678), tqDeviceNotFoundErr);
 }
 
 TEST_F(BackendUsb, ListingsKnowInstrumentsByTheirIdentityAndTouchNobody) {
@@ -229,6 +230,15 @@ TEST_F(BackendUsb, WaitForBootTakesAFailedReadForNotReady) {
     EXPECT_TRUE(WaitForBoot(handle.get()));
     EXPECT_EQ(polls, 5);
     EXPECT_EQ(sim::Sleeps().total, milliseconds(500)) << "100 ms behind each poll, the last one too";
+}
+
+TEST_F(BackendUsb, BootToRunLeavesOtherProgramsAlone) {
+    UsbGadget& run = Plug<UsbGadget>(UsbGadget::Identity("11000001"));
+    UsbGadget& neither = Plug<UsbGadget>(UsbGadget::Identity("11000002", "Scale"));
+    EXPECT_EQ(ExecuteBootToRunSequence(11000001), tqNoError);
+    EXPECT_EQ(ExecuteBootToRunSequence(11000002), tqBootErr);
+    EXPECT_FALSE(bus.Use(run).WasWrittenTo());
+    EXPECT_FALSE(bus.Use(neither).WasWrittenTo());
 }
 
 // What each way of ending a read reports, and whether the slot goes on working behind it.
