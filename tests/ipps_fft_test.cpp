@@ -1,0 +1,269 @@
+#include <complex>
+#include <numbers>
+#include <string>
+
+#include "ipps.h"
+#include "ipps_test_support.h"
+
+using ipps_test::Guarded;
+using ipps_test::Values;
+
+namespace {
+
+using Complex = std::complex<double>;
+
+// exp(-2 pi j k / n), the angle reduced before it is rounded.
+template <class T = double>
+std::complex<T> Root(std::int64_t k, std::int64_t n) {
+    return std::polar<T>(1, -2 * std::numbers::pi_v<T> * static_cast<T>(k % n) / static_cast<T>(n));
+}
+
+// The defining sum, in extended precision, since over 4096 terms double would be less exact than what it judges.
+// sign 1 forward, -1 inverse.
+std::vector<Complex> NaiveTransform(const std::vector<Complex>& x, int sign) {
+    const std::size_t n = x.size();
+    std::vector<std::complex<long double>> roots;
+    std::vector<Complex> result;
+    for (std::size_t k = 0; k < n; ++k) {
+        const auto root = Root<long double>(static_cast<std::int64_t>(k), static_cast<std::int64_t>(n));
+        roots.push_back(sign > 0 ? root : std::conj(root));
+    }
+    for (std::size_t k = 0; k < n; ++k) {
+        long double re = 0, im = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            const std::complex<long double>& root = roots[i * k % n];
+            re += root.real() * x[i].real() - root.imag() * x[i].imag();
+            im += root.real() * x[i].imag() + root.imag() * x[i].real();
+        }
+        result.emplace_back(static_cast<double>(re), static_cast<double>(im));
+    }
+    return result;
+}
+
+// Root of the energy of the difference, relative to that of the truth.
+template <class C>
+double RelativeError(const C* got, const std::vector<Complex>& want, double scale) {
+    double error = 0.0, energy = 0.0;
+    for (std::size_t k = 0; k < want.size(); ++k) {
+        error += std::norm(Complex(double(got[k].re), double(got[k].im)) - want[k] * scale);
+        energy += std::norm(want[k] * scale);
+    }
+    return std::sqrt(error / energy);
+}
+
+// The calls of each precision, under one name.
+struct Single {
+    using C = Ipp32fc;
+    using Spec = IppsFFTSpec_C_32fc;
+    static constexpr auto GetSize = ippsFFTGetSize_C_32fc;
+    static constexpr auto Init = ippsFFTInit_C_32fc;
+    static constexpr auto Fwd = ippsFFTFwd_CToC_32fc;
+    static constexpr auto Inv = ippsFFTInv_CToC_32fc;
+    static constexpr double UNIT_ROUNDOFF = 0x1p-24;
+};
+struct Double {
+    using C = Ipp64fc;
+    using Spec = IppsFFTSpec_C_64fc;
+    static constexpr auto GetSize = ippsFFTGetSize_C_64fc;
+    static constexpr auto Init = ippsFFTInit_C_64fc;
+    static constexpr auto Fwd = ippsFFTFwd_CToC_64fc;
+    static constexpr auto Inv = ippsFFTInv_CToC_64fc;
+    static constexpr double UNIT_ROUNDOFF = 0x1p-53;
+};
+
+// A description and a work buffer of exactly the asked sizes, at odd addresses.
+template <class P>
+struct Plan {
+    Plan(int order, int flag) : specSize(Sizes(order, flag)), spec(specSize.spec, 1), buffer(specSize.work, 3) {
+        EXPECT_EQ(P::Init(&usable, order, flag, ippAlgHintNone, spec.data(), nullptr), ippStsNoErr);
+    }
+
+    struct Bytes {
+        int spec = 0, scratch = 0, work = 0;
+    };
+    static Bytes Sizes(int order, int flag) {
+        Bytes bytes;
+        EXPECT_EQ(P::GetSize(order, flag, ippAlgHintNone, &bytes.spec, &bytes.scratch, &bytes.work), ippStsNoErr);
+        EXPECT_EQ(bytes.scratch, 0);
+        return bytes;
+    }
+
+    Bytes specSize;
+    Guarded<Ipp8u> spec, buffer;
+    typename P::Spec* usable = nullptr;
+};
+
+// One rounding of the root, of the product and of the sum per stage of radix 2, as independent errors of the unit
+// roundoff each, would give roughly sqrt(3 order); twice that still shows a root wrong in its last few bits.
+template <class P>
+double ErrorBound(int order) {
+    return 2.0 * P::UNIT_ROUNDOFF * std::sqrt(3.0 * order + 1.0);
+}
+
+template <class P>
+class IppsFft : public testing::Test {};
+using Precisions = testing::Types<Single, Double>;
+TYPED_TEST_SUITE(IppsFft, Precisions);
+
+TYPED_TEST(IppsFft, IsTheDefiningSumInBothDirectionsAndInPlace) {
+    using C = typename TypeParam::C;
+    for (int order = 0; order <= 12; ++order) {
+        const int n = 1 << order;
+        Plan<TypeParam> plan(order, IPP_FFT_NODIV_BY_ANY);
+        Values values;
+        Guarded<C> src(n, 1), dst(n, 1);
+        std::vector<Complex> truth;
+        for (int i = 0; i < n; ++i) {
+            values.Next(src[i]);
+            truth.emplace_back(src[i].re, src[i].im);
+        }
+        for (const int sign : {1, -1}) {
+            const auto transform = sign > 0 ? TypeParam::Fwd : TypeParam::Inv;
+            ASSERT_EQ(transform(src.data(), dst.data(), plan.usable, plan.buffer.data()), ippStsNoErr);
+            EXPECT_LE(RelativeError(dst.data(), NaiveTransform(truth, sign), 1.0), ErrorBound<TypeParam>(order))
+                << "order " << order << ", sign " << sign;
+            Guarded<C> inPlace(n, 1);
+            std::copy_n(src.data(), n, inPlace.data());
+            transform(inPlace.data(), inPlace.data(), plan.usable, plan.buffer.data());
+            EXPECT_EQ(std::memcmp(inPlace.data(), dst.data(), sizeof(C) * static_cast<std::size_t>(n)), 0) << order;
+        }
+    }
+}
+
+// Too long for the defining sum, but an impulse and a tone have theirs in closed form. Covers the last order that is
+// transformed directly, both shapes of the matrix above it, and a length at which the caches are left.
+TYPED_TEST(IppsFft, TransformsLongImpulsesAndTones) {
+    using C = typename TypeParam::C;
+    for (const int order : {15, 16, 17, 20}) {
+        const std::int64_t n = std::int64_t{1} << order;
+        const std::int64_t place = n / 3 + 5;
+        Plan<TypeParam> plan(order, IPP_FFT_NODIV_BY_ANY);
+        Guarded<C> src(static_cast<int>(n)), dst(static_cast<int>(n));
+        std::vector<Complex> impulse(static_cast<std::size_t>(n)), tone(static_cast<std::size_t>(n));
+        impulse[static_cast<std::size_t>(place)] = 1.0;
+        for (std::int64_t i = 0; i < n; ++i) tone[static_cast<std::size_t>(i)] = Root(i * place, n);
+        for (const int sign : {1, -1}) {
+            const auto transform = sign > 0 ? TypeParam::Fwd : TypeParam::Inv;
+            std::vector<Complex> turned = tone;
+            if (sign < 0) {
+                for (Complex& value : turned) value = std::conj(value);
+            }
+            std::fill_n(src.data(), n, C{});
+            src[static_cast<int>(place)].re = 1;
+            transform(src.data(), dst.data(), plan.usable, plan.buffer.data());
+            EXPECT_LE(RelativeError(dst.data(), turned, 1.0), ErrorBound<TypeParam>(order)) << "impulse " << order;
+
+            // A tone that turns against the transform's kernel meets it in one bin.
+            for (std::int64_t i = 0; i < n; ++i) {
+                const Complex value = std::conj(turned[static_cast<std::size_t>(i)]);
+                dst[static_cast<int>(i)] = {static_cast<decltype(C::re)>(value.real()),
+                                            static_cast<decltype(C::re)>(value.imag())};
+            }
+            transform(dst.data(), dst.data(), plan.usable, plan.buffer.data());
+            EXPECT_LE(RelativeError(dst.data(), impulse, static_cast<double>(n)), ErrorBound<TypeParam>(order))
+                << "tone " << order;
+        }
+    }
+}
+
+struct FlagRow {
+    int flag;
+    double fwdPower, invPower;  // of 1 / N
+};
+constexpr FlagRow FLAGS[] = {{IPP_FFT_DIV_FWD_BY_N, 1.0, 0.0},
+                             {IPP_FFT_DIV_INV_BY_N, 0.0, 1.0},
+                             {IPP_FFT_DIV_BY_SQRTN, 0.5, 0.5},
+                             {IPP_FFT_NODIV_BY_ANY, 0.0, 0.0}};
+
+TYPED_TEST(IppsFft, ScalesByFlag) {
+    using C = typename TypeParam::C;
+    for (const FlagRow& row : FLAGS) {
+        for (const int order : {0, 1, 2, 5, 16}) {
+            const int n = 1 << order;
+            Plan<TypeParam> plan(order, row.flag);
+            Guarded<C> data(n);
+            for (const bool forward : {true, false}) {
+                std::fill_n(data.data(), n, C{1, -2});
+                (forward ? TypeParam::Fwd : TypeParam::Inv)(data.data(), data.data(), plan.usable, plan.buffer.data());
+                const double want = n * std::pow(n, forward ? -row.fwdPower : -row.invPower);
+                EXPECT_NEAR(data[0].re, want, want * 2.0 * TypeParam::UNIT_ROUNDOFF) << row.flag << ' ' << order;
+                EXPECT_NEAR(data[0].im, -2.0 * want, want * 4.0 * TypeParam::UNIT_ROUNDOFF);
+                for (int k = 1; k < n; ++k) ASSERT_LE(std::hypot(data[k].re, data[k].im), want * 1e-6);
+            }
+        }
+    }
+}
+
+struct Real {
+    using Spec = IppsFFTSpec_R_64f;
+    static constexpr auto GetSize = ippsFFTGetSize_R_64f;
+    static constexpr auto Init = ippsFFTInit_R_64f;
+};
+
+TEST(IppsFftReal, PacksTheSpectrumAndUnpacksIt) {
+    for (const FlagRow& row : FLAGS) {
+        for (int order = 0; order <= 10; ++order) {
+            const int n = 1 << order;
+            Plan<Real> plan(order, row.flag);
+            Values values;
+            Guarded<double> src(n, 1), dst(n, 1), back(n, 1);
+            std::vector<Complex> samples;
+            for (int i = 0; i < n; ++i) samples.emplace_back(src[i] = values.Uniform());
+            const std::vector<Complex> spectrum = NaiveTransform(samples, 1);
+            std::vector<double> packed = {spectrum[0].real()};
+            if (n > 1) packed.push_back(spectrum[static_cast<std::size_t>(n) / 2].real());
+            for (std::size_t k = 1; k < static_cast<std::size_t>(n) / 2; ++k) {
+                packed.insert(packed.end(), {spectrum[k].real(), spectrum[k].imag()});
+            }
+            ASSERT_EQ(ippsFFTFwd_RToPerm_64f(src.data(), dst.data(), plan.usable, plan.buffer.data()), ippStsNoErr);
+            const double bound = 1e-15 * std::sqrt(n) * (order + 1);
+            for (int i = 0; i < n; ++i) {
+                ASSERT_NEAR(dst[i] * std::pow(n, row.fwdPower), packed[static_cast<std::size_t>(i)], bound)
+                    << "value " << i << ", order " << order << ", flag " << row.flag;
+            }
+            ASSERT_EQ(ippsFFTInv_PermToR_64f(packed.data(), back.data(), plan.usable, plan.buffer.data()), ippStsNoErr);
+            for (int i = 0; i < n; ++i) {
+                ASSERT_NEAR(back[i] * std::pow(n, row.invPower), n * src[i], n * bound) << i << ", order " << order;
+            }
+            ippsFFTFwd_RToPerm_64f(src.data(), src.data(), plan.usable, plan.buffer.data());
+            ippsFFTInv_PermToR_64f(packed.data(), packed.data(), plan.usable, plan.buffer.data());
+            for (int i = 0; i < n; ++i) {
+                ASSERT_EQ(src[i], dst[i]);
+                ASSERT_EQ(packed[static_cast<std::size_t>(i)], back[i]);
+            }
+        }
+    }
+}
+
+TEST(IppsFftArguments, AreCheckedBeforeAnythingIsWritten) {
+    int a = -7, b = -7, c = -7;
+    Plan<Single> plan(4, 8);
+    Ipp32fc data[16] = {};
+    IppsFFTSpec_C_32fc* usable = nullptr;
+    Ipp8u* const work = plan.buffer.data();
+    const struct {
+        const char* what;
+        IppStatus got, want;
+    } rows[] = {
+        {"null size", ippsFFTGetSize_C_32fc(4, 1, ippAlgHintNone, &a, nullptr, &c), ippStsNullPtrErr},
+        {"order -1", ippsFFTGetSize_C_32fc(-1, 1, ippAlgHintNone, &a, &b, &c), ippStsFftOrderErr},
+        {"order 26", ippsFFTGetSize_C_64fc(26, 1, ippAlgHintNone, &a, &b, &c), ippStsFftOrderErr},
+        {"flag 3", ippsFFTGetSize_R_64f(4, 3, ippAlgHintNone, &a, &b, &c), ippStsFftFlagErr},
+        {"init order", ippsFFTInit_C_32fc(&usable, 26, 1, ippAlgHintNone, work, nullptr), ippStsFftOrderErr},
+        {"init flag", ippsFFTInit_C_32fc(&usable, 4, 0, ippAlgHintNone, work, nullptr), ippStsFftFlagErr},
+        {"init null", ippsFFTInit_C_32fc(&usable, 4, 1, ippAlgHintNone, nullptr, nullptr), ippStsNullPtrErr},
+        {"null source", ippsFFTFwd_CToC_32fc(nullptr, data, plan.usable, work), ippStsNullPtrErr},
+        {"null result", ippsFFTInv_CToC_32fc(data, nullptr, plan.usable, work), ippStsNullPtrErr},
+        {"null description", ippsFFTFwd_CToC_32fc(data, data, nullptr, work), ippStsNullPtrErr},
+        {"null buffer", ippsFFTInv_CToC_32fc(data, data, plan.usable, nullptr), ippStsNullPtrErr},
+    };
+    for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;
+    EXPECT_EQ(a, -7);
+    EXPECT_EQ(b, -7);
+    EXPECT_EQ(c, -7);
+    EXPECT_EQ(usable, nullptr);
+    EXPECT_EQ(ippsFFTGetSize_C_64fc(25, 1, ippAlgHintNone, &a, &b, &c), ippStsNoErr);
+    EXPECT_GE(c, 1 << 29);  // the work buffer holds a transform of 16 bytes each
+}
+
+}  // namespace

@@ -1,0 +1,388 @@
+#include <functional>
+#include <string>
+#include <tuple>
+
+#include "ipps.h"
+#include "ipps_test_support.h"
+
+using ipps_test::Guarded;
+using ipps_test::Near;
+using ipps_test::Values;
+
+namespace {
+
+// --- Element-wise operations, each against its formula in double precision or 64-bit integers ---
+
+struct ElementCase {
+    std::string name;
+    std::function<void(int len, int offset, bool inPlace)> run;
+};
+
+void PrintTo(const ElementCase& c, std::ostream* out) { *out << c.name; }
+
+// How a result compares: integers exactly; single reals in ulps of a double; complex ones within a bound that scales
+// with the terms added, here of size 1.
+template <class T, class Want>
+bool Agrees(T got, Want want, double ulps) {
+    if constexpr (std::is_same_v<T, float>) {
+        return Near(got, want, ulps);
+    } else if constexpr (requires { got.re; }) {
+        const double eps = std::numeric_limits<decltype(got.re)>::epsilon();
+        return std::abs(double(got.re) - want.re) <= ulps * eps && std::abs(double(got.im) - want.im) <= ulps * eps;
+    } else {
+        return got == static_cast<T>(want);
+    }
+}
+
+// `op` takes pointers to Src..., to Dst, and the length; `truth` one value of each Src.
+template <class Dst, class... Src, class Op, class Truth>
+ElementCase Element(std::string name, Op op, Truth truth, double ulps = 0.0) {
+    return {std::move(name), [=](int len, int offset, bool inPlace) {
+                using First = std::tuple_element_t<0, std::tuple<Src...>>;
+                Values values;
+                Guarded<Dst> separate(len, 3 - offset);
+                auto wants = std::vector<decltype(truth(Src{}...))>();
+                [&](Guarded<Src>&&... src) {
+                    for (int n = 0; n < len; ++n) {
+                        (values.Next(src[n]), ...);
+                        wants.push_back(truth(src[n]...));
+                    }
+                    Dst* dst = separate.data();
+                    if constexpr (std::is_same_v<First, Dst>) {
+                        if (inPlace) dst = std::get<0>(std::tie(src...)).data();
+                    }
+                    ASSERT_GE(op(src.data()..., dst, len), 0);
+                    for (int n = 0; n < len; ++n) {
+                        ASSERT_TRUE(Agrees(dst[n], wants[static_cast<std::size_t>(n)], ulps))
+                            << "element " << n << " of " << len << ", offset " << offset;
+                    }
+                }(Guarded<Src>(len, offset)...);
+            }};
+}
+
+constexpr float C = 0.7310F;
+
+template <class T>
+Ipp64fc Product(T a, T b) {
+    const double ar = a.re, ai = a.im, br = b.re, bi = b.im;
+    return {ar * br - ai * bi, ar * bi + ai * br};
+}
+
+Ipp64fc Conjugate(Ipp32fc a) { return {double(a.re), -double(a.im)}; }
+
+double Power(Ipp32fc a) { return double(a.re) * double(a.re) + double(a.im) * double(a.im); }
+
+template <class T>
+std::int64_t Saturated(std::int64_t value) {
+    return std::clamp<std::int64_t>(value, std::numeric_limits<T>::min(), std::numeric_limits<T>::max());
+}
+
+// Additions, products and roots of single values are correctly rounded; a complex part has three roundings of terms
+// up to 1; the C library stays within 1 ulp for exp and log and within 2 for atan2, and so do powers of three
+// roundings.
+std::vector<ElementCase> ElementCases() {
+    using f = Ipp32f;
+    const auto id = [](auto x) { return x; };
+    return {
+        Element<f, f, f>("Add_32f", ippsAdd_32f, [](double a, double b) { return a + b; }),
+        Element<Ipp32u, Ipp32u, Ipp32u>("Add_32u", ippsAdd_32u, [](std::uint64_t a, std::uint64_t b) { return a + b; }),
+        Element<f, f>(
+            "AddC_32f", [](f* s, f* d, int n) { return ippsAddC_32f(s, C, d, n); },
+            [](double a) { return a + double(C); }),
+        Element<f, f, f>("Mul_32f", ippsMul_32f, [](double a, double b) { return a * b; }),
+        Element<double, double, double>("Mul_64f", ippsMul_64f, [](double a, double b) { return a * b; }),
+        Element<Ipp32fc, Ipp32fc, Ipp32fc>("Mul_32fc", ippsMul_32fc, Product<Ipp32fc>, 1.5),
+        Element<Ipp64fc, Ipp64fc, Ipp64fc>("Mul_64fc", ippsMul_64fc, Product<Ipp64fc>, 1.5),
+        Element<f, f>(
+            "MulC_32f", [](f* s, f* d, int n) { return ippsMulC_32f(s, C, d, n); },
+            [](double a) { return a * double(C); }),
+        Element<double, double>(
+            "MulC_64f", [](double* s, double* d, int n) { return ippsMulC_64f(s, 0.3, d, n); },
+            [](double a) { return a * 0.3; }),
+        Element<Ipp16s, Ipp16s>(
+            "SubC_16s", [](Ipp16s* s, Ipp16s* d, int n) { return ippsSubC_16s_Sfs(s, 576, d, n, 0); },
+            [](std::int64_t a) { return Saturated<Ipp16s>(a - 576); }),
+        Element<Ipp32s, Ipp32s, Ipp32s>(
+            "Sub_32s", [](Ipp32s* a, Ipp32s* b, Ipp32s* d, int n) { return ippsSub_32s_Sfs(a, b, d, n, 0); },
+            [](std::int64_t a, std::int64_t b) { return Saturated<Ipp32s>(b - a); }),
+        Element<f, f>(
+            "Exp_32f", ippsExp_32f, [](double a) { return std::exp(a); }, 1.0),
+        Element<f, f>(
+            "Ln_32f", ippsLn_32f, [](double a) { return std::log(a); }, 1.0),
+        Element<f, f>(
+            "Ln_32f_A11", ippsLn_32f_A11, [](double a) { return std::log(a); }, 4096.0),
+        Element<f, f>("Sqr_32f", ippsSqr_32f, [](double a) { return a * a; }),
+        Element<f, f>("Sqrt_32f", ippsSqrt_32f, [](double a) { return std::sqrt(a); }),
+        Element<f, f>(
+            "Sqrt_32f_A11", ippsSqrt_32f_A11, [](double a) { return std::sqrt(a); }, 4096.0),
+        Element<Ipp32fc, Ipp32fc>("Conj_32fc", ippsConj_32fc, Conjugate, 0.0),
+        Element<f, Ipp32fc>("PowerSpectr_32fc", ippsPowerSpectr_32fc, Power, 2.0),
+        Element<f, Ipp32fc>(
+            "Magnitude_32fc", ippsMagnitude_32fc, [](Ipp32fc a) { return std::sqrt(Power(a)); }, 2.0),
+        Element<f, Ipp32fc>(
+            "Phase_32fc", ippsPhase_32fc, [](Ipp32fc a) { return std::atan2(double(a.im), double(a.re)); }, 2.0),
+        Element<f, f, f>("MinEvery_32f", ippsMinEvery_32f,
+                         [](double a, double b) { return std::isnan(a)   ? b
+                                                         : std::isnan(b) ? b
+                                                                         : std::fmin(a, b); }),
+        Element<f, f, f>("MaxEvery_32f", ippsMaxEvery_32f,
+                         [](double a, double b) { return std::isnan(a)   ? b
+                                                         : std::isnan(b) ? b
+                                                                         : std::fmax(a, b); }),
+        Element<f, double>("Convert_64f32f", ippsConvert_64f32f, id),
+        Element<f, Ipp16s>(
+            "Convert_16s32f", [](Ipp16s* s, f* d, int n) { return ippsConvert_16s32f_Sfs(s, d, n, 15); },
+            [](double a) { return a / 32768.0; }),
+        Element<Ipp16s, f>(
+            "Convert_32f16s", [](f* s, Ipp16s* d, int n) { return ippsConvert_32f16s_Sfs(s, d, n, ippRndNear, -3); },
+            [](double a) { return std::isnan(a) ? 0.0 : std::nearbyint(std::clamp(a * 8.0, -32768.0, 32767.0)); }),
+        Element<f, f>("Move_32f", ippsMove_32f, id),
+        Element<Ipp32fc, Ipp32fc>("Move_32fc", ippsMove_32fc,
+                                  [](Ipp32fc a) {
+                                      return Ipp64fc{a.re, a.im};
+                                  }),
+        Element<Ipp16s, Ipp16s>(
+            "Copy_8u",
+            [](Ipp16s* s, Ipp16s* d, int n) {
+                return ippsCopy_8u(reinterpret_cast<Ipp8u*>(s), reinterpret_cast<Ipp8u*>(d), 2 * n);
+            },
+            id),
+        Element<Ipp32s, Ipp32s>(
+            "Copy_16sc",
+            [](Ipp32s* s, Ipp32s* d, int n) {
+                return ippsCopy_16sc(reinterpret_cast<Ipp16sc*>(s), reinterpret_cast<Ipp16sc*>(d), n);
+            },
+            id),
+        Element<Ipp32s, Ipp32s>("Copy_32s", ippsCopy_32s, id),
+        Element<f, f>("Copy_32f", ippsCopy_32f, id),
+        Element<double, double>("Copy_64f", ippsCopy_64f, id),
+        Element<Ipp32fc, Ipp32fc>("Copy_32fc", ippsCopy_32fc,
+                                  [](Ipp32fc a) {
+                                      return Ipp64fc{a.re, a.im};
+                                  }),
+        Element<Ipp64fc, Ipp64fc>("Copy_64fc", ippsCopy_64fc, id),
+        Element<Ipp32s, Ipp32s>(
+            "Zero_32s", [](Ipp32s*, Ipp32s* d, int n) { return ippsZero_32s(d, n); }, [](Ipp32s) { return 0; }),
+        Element<Ipp16s, Ipp16s>(
+            "Zero_8u", [](Ipp16s*, Ipp16s* d, int n) { return ippsZero_8u(reinterpret_cast<Ipp8u*>(d), 2 * n); },
+            [](Ipp16s) { return 0; }),
+        Element<f, f>(
+            "Zero_32f", [](f*, f* d, int n) { return ippsZero_32f(d, n); }, [](f) { return 0.0; }),
+        Element<double, double>(
+            "Zero_64f", [](double*, double* d, int n) { return ippsZero_64f(d, n); }, [](double) { return 0.0; }),
+        Element<Ipp32fc, Ipp32fc>(
+            "Zero_32fc", [](Ipp32fc*, Ipp32fc* d, int n) { return ippsZero_32fc(d, n); },
+            [](Ipp32fc) { return Ipp64fc{}; }),
+        Element<f, f>(
+            "Set_32f", [](f*, f* d, int n) { return ippsSet_32f(C, d, n); }, [](f) { return double(C); }),
+        Element<Ipp32s, Ipp32s>(
+            "Set_32s", [](Ipp32s*, Ipp32s* d, int n) { return ippsSet_32s(-7, d, n); }, [](Ipp32s) { return -7; }),
+        Element<Ipp64fc, Ipp64fc>(
+            "Set_64fc",
+            [](Ipp64fc*, Ipp64fc* d, int n) {
+                return ippsSet_64fc({1, -2}, d, n);
+            },
+            [](Ipp64fc) {
+                return Ipp64fc{1, -2};
+            }),
+        Element<f, f>(
+            "Exp_32f_I", [](f* s, f* d, int n) { return ippsMove_32f(s, d, n) + ippsExp_32f_I(d, n); },
+            [](double a) { return std::exp(a); }, 1.0),
+        Element<f, f>(
+            "AddC_32f_I", [](f* s, f* d, int n) { return ippsMove_32f(s, d, n) + ippsAddC_32f_I(C, d, n); },
+            [](double a) { return a + double(C); }),
+        Element<f, f>(
+            "MulC_32f_I", [](f* s, f* d, int n) { return ippsMove_32f(s, d, n) + ippsMulC_32f_I(C, d, n); },
+            [](double a) { return a * double(C); }),
+    };
+}
+
+class IppsElement : public testing::TestWithParam<ElementCase> {};
+
+TEST_P(IppsElement, FollowsItsFormulaAtEveryLengthAndStart) {
+    for (const bool inPlace : {false, true}) {
+        for (const int offset : {0, 1, 3}) {
+            for (int len = 0; len <= 33; ++len) GetParam().run(len, offset, inPlace);
+            GetParam().run(5003, offset, inPlace);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, IppsElement, testing::ValuesIn(ElementCases()),
+                         [](const auto& paramInfo) { return paramInfo.param.name; });
+
+// --- What a table of formulas does not show ---
+
+TEST(IppsVector, ScaledDifferencesRoundHalvesToEvenAndSaturate) {
+    struct Row {
+        Ipp32s from, subtracted;
+        int scaleFactor;
+        Ipp32s want;
+    };
+    constexpr Ipp32s LOW = std::numeric_limits<Ipp32s>::min();
+    constexpr Ipp32s HIGH = std::numeric_limits<Ipp32s>::max();
+    for (const Row& row : {Row{5, 0, 1, 2}, Row{7, 0, 1, 4}, Row{-5, 0, 1, -2}, Row{-7, 0, 1, -4}, Row{11, 0, 2, 3},
+                           Row{LOW, HIGH, 31, -2}, Row{HIGH, LOW, 33, 0}, Row{HIGH, LOW, 64, 0}, Row{3, 0, -4, 48},
+                           Row{1, 0, -31, HIGH}, Row{-1, 0, -64, LOW}, Row{0, 0, -64, 0}}) {
+        Ipp32s got = 99;
+        ASSERT_EQ(ippsSub_32s_Sfs(&row.subtracted, &row.from, &got, 1, row.scaleFactor), ippStsNoErr);
+        EXPECT_EQ(got, row.want) << row.from << " - " << row.subtracted << " scaled by " << row.scaleFactor;
+    }
+    const Ipp16s lowest = -32768;
+    Ipp16s got = 0;
+    ASSERT_EQ(ippsSubC_16s_Sfs(&lowest, 576, &got, 1, 1), ippStsNoErr);
+    EXPECT_EQ(got, -16672);
+}
+
+TEST(IppsVector, ConversionTo16BitsRoundsByMode) {
+    struct Row {
+        float value;
+        Ipp16s zero, near, financial;
+    };
+    const float inf = std::numeric_limits<float>::infinity();
+    for (const Row& row :
+         {Row{0.5F, 0, 0, 1}, Row{1.5F, 1, 2, 2}, Row{2.5F, 2, 2, 3}, Row{-2.5F, -2, -2, -3}, Row{0.49999997F, 0, 0, 0},
+          Row{32767.5F, 32767, 32767, 32767}, Row{-inf, -32768, -32768, -32768}, Row{inf, 32767, 32767, 32767},
+          Row{std::nanf(""), 0, 0, 0}}) {
+        const std::pair<IppRoundMode, Ipp16s> modes[] = {
+            {ippRndZero, row.zero}, {ippRndNear, row.near}, {ippRndFinancial, row.financial}};
+        for (const auto& [mode, want] : modes) {
+            Ipp16s got = 99;
+            ASSERT_EQ(ippsConvert_32f16s_Sfs(&row.value, &got, 1, mode, 0), ippStsNoErr);
+            EXPECT_EQ(got, want) << row.value << " in mode " << mode;
+        }
+    }
+    const float fullScale[] = {1.0F, -1.0F};
+    Ipp16s got[2] = {};
+    ippsConvert_32f16s_Sfs(fullScale, got, 2, ippRndNear, -15);
+    EXPECT_EQ(got[0], 32767);
+    EXPECT_EQ(got[1], -32768);
+}
+
+// The way samples are unpacked: the 16-bit scratch is the upper half of the destination.
+TEST(IppsVector, ConversionMayExpandInsideItsOwnDestination) {
+    for (const int len : {1, 2, 7, 8, 9, 31, 64, 4096, 5003}) {
+        Values values;
+        std::vector<Ipp16s> raw(static_cast<std::size_t>(len));
+        for (Ipp16s& value : raw) values.Next(value);
+        Guarded<float> dst(len);
+        auto* const scratch = reinterpret_cast<Ipp16s*>(dst.data()) + len;
+        ippsSubC_16s_Sfs(raw.data(), 0, scratch, len, 0);
+        ippsConvert_16s32f_Sfs(scratch, dst.data(), len, 15);
+        for (int n = 0; n < len; ++n) ASSERT_EQ(dst[n], float(raw[static_cast<std::size_t>(n)]) / 32768.0F) << n;
+    }
+}
+
+TEST(IppsVector, MovesAcrossOverlapAndFlips) {
+    std::vector<float> ramp(1000);
+    for (std::size_t n = 0; n < ramp.size(); ++n) ramp[n] = static_cast<float>(n);
+    std::vector<float> down = ramp, up = ramp, flipped(1000);
+    ippsMove_32f(down.data() + 3, down.data(), 990);
+    ippsMove_32f(up.data(), up.data() + 3, 990);
+    ippsFlip_32f(ramp.data(), flipped.data(), 1000);
+    for (std::size_t n = 0; n < 990; ++n) {
+        ASSERT_EQ(down[n], ramp[n + 3]);
+        ASSERT_EQ(up[n + 3], ramp[n]);
+        ASSERT_EQ(flipped[n], ramp[999 - n]);
+    }
+}
+
+TEST(IppsVector, SumsKeepWhatSinglePrecisionWouldLose) {
+    const int count = 100001;  // 1e8 and ones: single precision would not see the ones at all
+    std::vector<float> reals(count, 1.0F);
+    reals[0] = 1e8F;
+    std::vector<Ipp32fc> pairs(count, Ipp32fc{1.0F, -1.0F});
+    pairs[0] = {1e8F, -1e8F};
+    const std::vector<double> doubles(reals.begin(), reals.end());
+    float real = 0;
+    Ipp32fc pair = {};
+    double wide = 0;
+    ASSERT_EQ(ippsSum_32f(reals.data(), count, &real, ippAlgHintAccurate), ippStsNoErr);
+    ASSERT_EQ(ippsSum_32fc(pairs.data(), count, &pair, ippAlgHintAccurate), ippStsNoErr);
+    ASSERT_EQ(ippsSum_64f(doubles.data(), count, &wide), ippStsNoErr);
+    EXPECT_EQ(real, 100100000.0F);
+    EXPECT_EQ(pair.re, 100100000.0F);
+    EXPECT_EQ(pair.im, -100100000.0F);
+    EXPECT_EQ(wide, 100100000.0);
+}
+
+TEST(IppsVector, WarnsOfValuesWithoutLogarithmOrRoot) {
+    float out[5];
+    const float fine[5] = {1, 2, 3, 4, 5}, zero[5] = {1, 2, 3, 4, 0}, negative[5] = {0, 2, 3, 4, -1};
+    EXPECT_EQ(ippsLn_32f(fine, out, 5), ippStsNoErr);
+    EXPECT_EQ(ippsLn_32f(zero, out, 5), ippStsLnZeroArg);
+    EXPECT_EQ(out[4], -std::numeric_limits<float>::infinity());
+    EXPECT_EQ(ippsLn_32f(negative, out, 5), ippStsLnNegArg);
+    EXPECT_EQ(ippsSqrt_32f(zero, out, 5), ippStsNoErr);
+    EXPECT_EQ(ippsSqrt_32f(negative, out, 5), ippStsSqrtNegArg);
+}
+
+// GCC 12 at -O2 may carry a pair of doubles on in place of the floats it was narrowed to, unless the build says
+// -fno-tree-slp-vectorize. Every result here that is promised in single precision rests on that flag.
+[[gnu::noinline]] Ipp64fc ThroughSingle(double x, double y) {
+    const Ipp32fc narrow = {static_cast<float>(x), static_cast<float>(y)};
+    return {narrow.re, narrow.im};
+}
+
+[[gnu::noinline]] double ThroughSingle(double x) { return static_cast<double>(static_cast<float>(x)); }
+
+TEST(IppsVector, BuildKeepsTheNarrowingOfPairs) {
+    Values values;  // not constants, which the compiler would fold
+    const double x = values.Uniform(), y = values.Uniform();
+    const Ipp64fc got = ThroughSingle(x, y);
+    EXPECT_EQ(got.re, ThroughSingle(x));
+    EXPECT_EQ(got.im, ThroughSingle(y));
+    EXPECT_NE(got.re, x);
+}
+
+TEST(IppsVector, RejectsBadArguments) {
+    float a[4] = {}, b[4] = {};
+    Ipp16s s[4] = {};
+    Ipp32s i[4] = {};
+    const struct {
+        const char* what;
+        IppStatus got, want;
+    } rows[] = {
+        {"null source", ippsMulC_32f(nullptr, 1, b, 4), ippStsNullPtrErr},
+        {"null destination", ippsMulC_32f(a, 1, nullptr, 4), ippStsNullPtrErr},
+        {"null second source", ippsAdd_32f(a, nullptr, b, 4), ippStsNullPtrErr},
+        {"null before length", ippsAdd_32f(a, nullptr, b, -1), ippStsNullPtrErr},
+        {"negative length", ippsAdd_32f(a, a, b, -1), ippStsSizeErr},
+        {"null to fill", ippsZero_32f(nullptr, 4), ippStsNullPtrErr},
+        {"negative fill", ippsZero_32f(a, -4), ippStsSizeErr},
+        {"null copy", ippsCopy_32f(a, nullptr, 4), ippStsNullPtrErr},
+        {"null flip", ippsFlip_32f(nullptr, b, 4), ippStsNullPtrErr},
+        {"null sum", ippsSum_32f(a, 4, nullptr, ippAlgHintAccurate), ippStsNullPtrErr},
+        {"null root", ippsSqrt_32f(nullptr, b, 4), ippStsNullPtrErr},
+        {"negative logarithm length", ippsLn_32f(a, b, -1), ippStsSizeErr},
+        {"scale of SubC", ippsSubC_16s_Sfs(s, 1, s, 4, 65), ippStsScaleRangeErr},
+        {"scale of Sub", ippsSub_32s_Sfs(i, i, i, 4, -65), ippStsScaleRangeErr},
+        {"scale to float", ippsConvert_16s32f_Sfs(s, a, 4, 65), ippStsScaleRangeErr},
+        {"scale from float", ippsConvert_32f16s_Sfs(a, s, 4, ippRndNear, -65), ippStsScaleRangeErr},
+        {"mode", ippsConvert_32f16s_Sfs(a, s, 4, static_cast<IppRoundMode>(3), 0), ippStsBadArgErr},
+    };
+    for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;
+}
+
+TEST(IppsMemory, IsAlignedOrNull) {
+    for (const std::int64_t bytes : {1, 63, 64, 65, 1000003}) {
+        void* const memory = ippMalloc_L(bytes);
+        ASSERT_NE(memory, nullptr);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % 64, 0U);
+        std::memset(memory, 1, static_cast<std::size_t>(bytes));
+        ippsFree(memory);
+    }
+    for (const std::int64_t bytes : {std::int64_t{0}, std::int64_t{-1}, std::numeric_limits<std::int64_t>::max() - 1}) {
+        EXPECT_EQ(ippMalloc_L(bytes), nullptr) << bytes;
+    }
+    EXPECT_EQ(ippsMalloc_8u(-1), nullptr);
+    ippsFree(nullptr);
+}
+
+TEST(IppsMemory, NamesTheFeaturesThatTheCompilerFinds) {
+    const Ipp64u features = ippGetEnabledCpuFeatures();
+    EXPECT_EQ((features & 0x300) == 0x300, __builtin_cpu_supports("avx") != 0);
+    EXPECT_EQ((features & 0x8300) == 0x8300, __builtin_cpu_supports("avx2") != 0);
+}
+
+}  // namespace
