@@ -1,5 +1,55 @@
 /*
  * libtq_api: the host library of the TQ720 real-time spectrum analyser, 9 kHz to 15 GHz.
+ *
+ * This header is C99 and C++. It is all that an application needs; calibration and production tools also include
+ * tq_api_admin.h.
+ *
+ * HANDLES
+ *   tqOpenDevice and tqOpenDeviceBySerial give a handle, 0 to 8, and up to nine instruments can be open at once. A
+ *   handle names a place in a table: after tqCloseDevice its number may be given to the next instrument that is
+ *   opened. There is nothing to initialise before the first call, and no exit call.
+ *
+ * ORDER OF CALLS
+ *   1. tqGetDeviceList (optional), then tqOpenDevice or tqOpenDeviceBySerial.
+ *   2. The setters of the mode wanted, and tqSetRefLevel or tqSetAttenuator. They only store: settings belong to the
+ *      handle, keep their values from mode to mode, and reach the instrument at the next tqConfigure.
+ *   3. tqConfigure(device, mode), which plans the mode and starts it.
+ *   4. tqGetSweepParameters, tqGetRealTimeParameters or tqGetIQParameters for what was really configured. The sizes
+ *      that they give are the sizes of the application's buffers.
+ *   5. The data calls of the mode, as often as wanted.
+ *   6. To change anything: 2 and 3 again. tqConfigure stops the running mode first.
+ *   7. tqAbort returns to idle; tqCloseDevice ends.
+ *   The calls under "Reference, ports and UART", "GPS" and "State of the instrument" act at once instead.
+ *
+ * MODES OF THIS VERSION
+ *   This version runs tqModeSweeping with spans of 5 MHz and more. For any other mode, and for smaller spans,
+ *   tqConfigure answers tqInvalidParameterErr and leaves the device idle. The settings of all modes can be stored;
+ *   data and parameter calls of a mode that is not running answer tqInvalidConfigurationErr.
+ *
+ * STATUS
+ *   Below 0 the call did not do what was asked; 0 is success; above 0 the call did its work, with a reservation. Test
+ *   `status < 0` for failure. Each function checks, in this order and before it does anything else, its handle
+ *   (tqInvalidDeviceErr), the pointers that it requires (tqNullPtrErr), and the range of its other arguments
+ *   (tqInvalidParameterErr). These are not repeated below, and every function that takes a device can also answer
+ *   tqAllocationErr. Outputs that are called optional are skipped when null. A data call delivers its data also with
+ *   a warning, and when the connection fails.
+ *   tqConnectionLostErr, from any call that talks to the instrument, is final: the handle stays valid, but only
+ *   tqCloseDevice and a new open bring the instrument back.
+ *
+ * THREADS
+ *   Calls on different handles may run in parallel. Calls on one handle are serialised by the application; above all,
+ *   tqConfigure, tqAbort and tqCloseDevice must not overlap with a data call. tqGetDeviceList, tqOpenDevice,
+ *   tqOpenDeviceBySerial, tqCloseDevice and tqPresetDevice must not overlap with any other call. Any thread may make
+ *   any call. Calls that talk to the instrument block for as long as a USB transfer takes, at most 2 s each.
+ *
+ * THE STREAMING GATE
+ *   While tqModeRealTime, tqModeIQStreaming or tqModeAudio runs, the instrument takes no other commands. "Gated" below
+ *   means tqInvalidConfigurationErr in these modes; calls that would refresh a reading answer with the last one.
+ *
+ * UNITS
+ *   Frequencies and bandwidths in Hz, times in seconds, levels in dBm, temperatures in degrees Celsius, time stamps
+ *   (nsSinceEpoch) in nanoseconds since the Unix epoch. Values that are not finite are rejected with
+ *   tqInvalidParameterErr, but for infinities where a setter limits its argument. No NaN is ever stored.
  */
 #ifndef TQ_API_H
 #define TQ_API_H
@@ -113,6 +163,16 @@ typedef enum TqAudioType TQ_AS_INT {
     tqAudioTypeCW = 4
 } TqAudioType;
 
+/* ---- Texts: no device, never null, never freed ---- */
+
+/** A short English text; "Unknown error" for a value without a name. */
+TQ_API const char* tqGetErrorString(TqStatus status);
+
+/** "major.minor.revision" of this library. */
+TQ_API const char* tqGetAPIVersion(void);
+
+/* ---- Device list and lifecycle ---- */
+
 /**
  * Serial numbers of the attached instruments that this process has not open.
  *   serials      out, up to *deviceCount of them
@@ -120,11 +180,319 @@ typedef enum TqAudioType TQ_AS_INT {
  */
 TQ_API TqStatus tqGetDeviceList(int* serials, int* deviceCount);
 
-/** A short English text; "Unknown error" for a value without a name. */
-TQ_API const char* tqGetErrorString(TqStatus status);
+/** Opens the first instrument of the list. tqDeviceNotFoundErr if it is empty; otherwise as tqOpenDeviceBySerial. */
+TQ_API TqStatus tqOpenDevice(int* device);
 
-/** "major.minor.revision" of this library. */
-TQ_API const char* tqGetAPIVersion(void);
+/**
+ * Opens an instrument: brings it to its run program, loads its calibration, switches it on. A fraction of a second
+ * when a copy of the calibration is at hand in the user's home folder, about 15 seconds the first time.
+ *   device  out, the handle; untouched on failure
+ * tqInvalidCalData comes with a valid handle. tqMaxDevicesConnectedErr, tqDeviceNotFoundErr, tqBootErr,
+ * tqConnectionLostErr: nothing is open.
+ */
+TQ_API TqStatus tqOpenDeviceBySerial(int* device, int serialNumber);
+
+/** Stops the running mode, puts the instrument in standby and frees the handle. tqNoError even if it is unplugged. */
+TQ_API TqStatus tqCloseDevice(int device);
+
+/** Restarts the instrument and closes the handle; open it again afterwards. Blocks for 6 s. */
+TQ_API TqStatus tqPresetDevice(int device);
+
+/* ---- State of the instrument ---- */
+
+/** Standby or on; tqConfigure wakes by itself. Gated, except for the state that it is in already. */
+TQ_API TqStatus tqSetPowerState(int device, TqPowerState powerState);
+TQ_API TqStatus tqGetPowerState(int device, TqPowerState* powerState);
+
+TQ_API TqStatus tqGetSerialNumber(int device, int* serialNumber);
+
+/** Versions of the boot program, the run program and the FPGA. */
+TQ_API TqStatus tqGetFirmwareVersion(int device, int* major, int* minor, int* rev);
+
+/** Supply [V] and [A] and temperature; each optional. At most one reading a second is fetched. */
+TQ_API TqStatus tqGetDeviceDiagnostics(int device, float* voltage, float* current, float* temperature);
+
+/** Date of the calibration, seconds since the Unix epoch; 0xFFFFFFFF: none. */
+TQ_API TqStatus tqGetCalDate(int device, uint32_t* lastCalDate);
+
+/** Temperature at which the fan starts, limited to 0 to 60 degrees in steps of 1/16. Gated. */
+TQ_API TqStatus tqSetFanSetPoint(int device, float setPoint);
+
+/** The instrument's set point and the fan's voltage [V]; each optional. */
+TQ_API TqStatus tqGetFanSettings(int device, float* setPoint, float* voltage);
+
+/* ---- Reference, ports and UART ---- */
+
+/** 10 MHz reference, internal at first. Gated. */
+TQ_API TqStatus tqSetReference(int device, TqReference reference);
+TQ_API TqStatus tqGetReference(int device, TqReference* reference);
+
+/** Trigger input at first. tqInvalidConfigurationErr unless idle. */
+TQ_API TqStatus tqSetGPIOPort(int device, TqGPIOFunction func);
+TQ_API TqStatus tqGetGPIOPort(int device, TqGPIOFunction* func);
+
+/**
+ * 81.92 MHz divided by 1 to 32768: any rate but a NaN is taken and silently limited to that, 499512 baud at first.
+ * tqInvalidConfigurationErr unless idle.
+ */
+TQ_API TqStatus tqSetUARTBaudRate(int device, float rate);
+
+/** The rate that the divider really gives. */
+TQ_API TqStatus tqGetUARTBaudRate(int device, float* rate);
+
+/** Sends one byte. Gated, and tqInvalidConfigurationErr unless the port is TqGPIOFunctionUARTDirect. */
+TQ_API TqStatus tqWriteUARTDirect(int device, uint8_t data);
+
+/* ---- GPS ---- */
+
+/** Lets the instrument steer its timebase from GPS; off at first. Gated. */
+TQ_API TqStatus tqSetGPSTimebaseUpdate(int device, TqBool enabled);
+TQ_API TqStatus tqGetGPSTimebaseUpdate(int device, TqBool* enabled);
+
+/**
+ * Whether the timebase runs on a value learned from GPS that is newer than the calibration, and when that was learned
+ * (seconds since the Unix epoch, 0: never). Each optional.
+ */
+TQ_API TqStatus tqGetGPSHoldoverInfo(int device, TqBool* usingGPSHoldover, uint32_t* lastHoldoverTime);
+
+/** At most one reading a second is fetched. */
+TQ_API TqStatus tqGetGPSState(int device, TqGPSState* GPSState);
+
+/**
+ * The last fix and the newest text of the receiver; every output is optional. Without a fix the values are 0.
+ *   refresh    tqTrue: fetch now, unless gated
+ *   updated    out, whether text has come since the last call
+ *   latitude, longitude  out, degrees, south and west negative
+ *   altitude   out, metres
+ *   nmea       out, zero-terminated NMEA text; needs nmeaLen
+ *   nmeaLen    in: room in nmea; out: bytes written with the zero
+ */
+TQ_API TqStatus tqGetGPSInfo(int device, TqBool refresh, TqBool* updated, int64_t* secSinceEpoch, double* latitude,
+                             double* longitude, double* altitude, char* nmea, int* nmeaLen);
+
+/** Sends len bytes, at least 1, to the receiver, filled up with zeros to a multiple of four. Gated. */
+TQ_API TqStatus tqWriteToGPS(int device, const uint8_t* mem, int len);
+
+/* ---- Level, shared by all modes ---- */
+
+/** Expected top of the signal range, up to 20 dBm (clamped); -20 at first. Chooses the attenuator if that is -1. */
+TQ_API TqStatus tqSetRefLevel(int device, double refLevel);
+TQ_API TqStatus tqGetRefLevel(int device, double* refLevel);
+
+/** Steps of 5 dB, 0 to 6 (clamped); -1, as at first, chooses by the reference level. */
+TQ_API TqStatus tqSetAttenuator(int device, int atten);
+TQ_API TqStatus tqGetAttenuator(int device, int* atten);
+
+/* ---- Sweep settings ---- */
+
+/** 9 kHz to 15 GHz (clamped), the whole range at first; a start that is not below the stop is rejected. */
+TQ_API TqStatus tqSetSweepStartStop(int device, double startFreqHz, double stopFreqHz);
+TQ_API TqStatus tqSetSweepCenterSpan(int device, double centerFreqHz, double spanHz);
+
+/**
+ *   rbw        resolution bandwidth, above 0; 30 kHz at first
+ *   vbw        video bandwidth, from rbw / 10000 to rbw (clamped); 30 kHz at first
+ *   sweepTime  wanted duration, 1e-6 to 100 s (clamped): a longer one averages more, a short one is as short as can be
+ */
+TQ_API TqStatus tqSetSweepCoupling(int device, double rbw, double vbw, double sweepTime);
+
+/** tqDetectorAverage and tqVideoPower at first. */
+TQ_API TqStatus tqSetSweepDetector(int device, TqDetector detector, TqVideoUnits videoUnits);
+
+/** tqScaleLog at first. */
+TQ_API TqStatus tqSetSweepScale(int device, TqScale scale);
+
+/** tqWindowFlatTop at first. */
+TQ_API TqStatus tqSetSweepWindow(int device, TqWindowType window);
+
+/**
+ * Bytes for sweeps to send from the UART on their way, with the port at TqGPIOFunctionUARTSweep: data[i] goes out
+ * before the first tuning step above freqs[i], and between two steps only the highest entry. Any order; copied.
+ *   freqs, data  in, count of each
+ *   count        below 1: as tqSetSweepGPIOSwitchingDisabled, and the arrays may be null
+ */
+TQ_API TqStatus tqSetSweepGPIOSwitching(int device, double* freqs, uint8_t* data, int count);
+TQ_API TqStatus tqSetSweepGPIOSwitchingDisabled(int device);
+
+/* ---- Real-time settings ---- */
+
+/** Centre 9 kHz to 15 GHz, span 200 kHz to 40 MHz (clamped); 1 GHz and 40 MHz at first. */
+TQ_API TqStatus tqSetRealTimeCenterSpan(int device, double centerFreqHz, double spanHz);
+
+/** 2 kHz to 1 MHz (clamped); 30 kHz at first. */
+TQ_API TqStatus tqSetRealTimeRBW(int device, double rbw);
+
+/** tqDetectorMinMax at first. */
+TQ_API TqStatus tqSetRealTimeDetector(int device, TqDetector detector);
+
+/** Unit, level at the top of the frame and its height in dB; tqScaleLog, 0 and 100 at first. */
+TQ_API TqStatus tqSetRealTimeScale(int device, TqScale scale, double frameRef, double frameScale);
+
+/** tqWindowNutall at first. */
+TQ_API TqStatus tqSetRealTimeWindow(int device, TqWindowType window);
+
+/* ---- I/Q settings ---- */
+
+/** tqDataType32fc at first. */
+TQ_API TqStatus tqSetIQDataType(int device, TqDataType dataType);
+
+/** 1 GHz at first. */
+TQ_API TqStatus tqSetIQCenterFreq(int device, double centerFreqHz);
+TQ_API TqStatus tqGetIQCenterFreq(int device, double* centerFreqHz);
+
+/** Sample rate 61.44 MHz / decimation, a power of two from 1, as at first, to 8192. */
+TQ_API TqStatus tqSetIQSampleRate(int device, int decimation);
+
+/** On at first. */
+TQ_API TqStatus tqSetIQSoftwareFilter(int device, TqBool enabled);
+
+/** 40 MHz at first; limited by the sample rate when it is configured. */
+TQ_API TqStatus tqSetIQBandwidth(int device, double bandwidth);
+
+/** Rising at first. */
+TQ_API TqStatus tqSetIQExtTriggerEdge(int device, TqTriggerEdge edge);
+
+/** USB transfers kept in flight, 2 to 16 (clamped); 16 at first. Fewer shorten the delay, more ride out load. */
+TQ_API TqStatus tqSetIQQueueSize(int device, int units);
+
+/** What tqGetIQ writes into unused places of a trigger array, for all devices; 0 at first. Any value; tqNoError. */
+TQ_API TqStatus tqSetIQTriggerSentinel(double sentinelValue);
+
+/* ---- I/Q sweep list settings: the setters of a step reject an index that is not in the list ---- */
+
+/** tqDataType32fc at first. */
+TQ_API TqStatus tqSetIQSweepListDataType(int device, TqDataType dataType);
+
+/** tqTrue, as at first: samples corrected for level; tqFalse: relative to full scale. */
+TQ_API TqStatus tqSetIQSweepListCorrected(int device, TqBool corrected);
+
+/** 1 to 1000 steps, 0 at first. Steps that stay keep their settings; new ones: 1 GHz, -20 dBm, 1000000 samples. */
+TQ_API TqStatus tqSetIQSweepListSteps(int device, int steps);
+TQ_API TqStatus tqGetIQSweepListSteps(int device, int* steps);
+
+/** 9 kHz to 15 GHz (clamped). */
+TQ_API TqStatus tqSetIQSweepListFreq(int device, int step, double freq);
+
+/** -100 to 20 dBm (clamped); puts the step's attenuator back to -1. */
+TQ_API TqStatus tqSetIQSweepListRef(int device, int step, double level);
+
+/** -1 to 6 (clamped), as tqSetAttenuator. */
+TQ_API TqStatus tqSetIQSweepListAtten(int device, int step, int atten);
+
+/** Complex samples, up to 2147483647 (clamped). */
+TQ_API TqStatus tqSetIQSweepListSampleCount(int device, int step, uint32_t samples);
+
+/* ---- Audio settings ---- */
+
+/** 9 kHz to 15 GHz (clamped); 97.1 MHz at first. */
+TQ_API TqStatus tqSetAudioCenterFreq(int device, double centerFreqHz);
+
+/** tqAudioTypeFM at first. */
+TQ_API TqStatus tqSetAudioType(int device, TqAudioType audioType);
+
+/**
+ * All clamped.
+ *   ifBandwidth  500 Hz to 250 kHz, 200 kHz at first
+ *   audioLpf     1 to 12 kHz, 12 kHz at first
+ *   audioHpf     20 Hz to 1 kHz, 100 Hz at first
+ */
+TQ_API TqStatus tqSetAudioFilters(int device, double ifBandwidth, double audioLpf, double audioHpf);
+
+/** Time constant in microseconds, 1 to 100 (clamped); 75 at first. */
+TQ_API TqStatus tqSetAudioFMDeemphasis(int device, double deemphasis);
+
+/* ---- Mode control ---- */
+
+/**
+ * Stops the running mode, wakes the instrument if need be, fits all corrections to its present temperature and starts
+ * `mode`. Blocks for the planning, a fraction of a second for the widest sweep. On failure the device is idle:
+ * tqInvalidParameterErr (a mode or span that cannot be run; tqModeIdle too: tqAbort is the way to idle),
+ * tqAllocationErr (an RBW that takes more memory than there is), tqConnectionLostErr. A value that is no mode at all
+ * is rejected before anything is stopped.
+ */
+TQ_API TqStatus tqConfigure(int device, TqMode mode);
+TQ_API TqStatus tqGetCurrentMode(int device, TqMode* mode);
+
+/** Stops the running mode. tqNoError, also when idle. */
+TQ_API TqStatus tqAbort(int device);
+
+/* ---- Parameters of the running mode: every output of the first three is optional ---- */
+
+/**
+ *   actualRBW, actualVBW  out, as achieved
+ *   actualStartFreq       out, frequency of bin 0
+ *   binSize               out, distance of two bins
+ *   sweepSize             out, bins of a sweep: the floats in each buffer for tqGetSweep
+ * tqInvalidConfigurationErr unless tqModeSweeping runs.
+ */
+TQ_API TqStatus tqGetSweepParameters(int device, double* actualRBW, double* actualVBW, double* actualStartFreq,
+                                     double* binSize, int* sweepSize);
+
+/**
+ *   sweepSize                out, bins of the sweeps
+ *   frameWidth, frameHeight  out, size of the frames
+ *   poi                      out, shortest duration that is caught with certainty
+ * tqInvalidConfigurationErr unless tqModeRealTime runs.
+ */
+TQ_API TqStatus tqGetRealTimeParameters(int device, double* actualRBW, int* sweepSize, double* actualStartFreq,
+                                        double* binSize, int* frameWidth, int* frameHeight, double* poi);
+
+/** tqInvalidConfigurationErr unless tqModeIQStreaming runs. */
+TQ_API TqStatus tqGetIQParameters(int device, double* sampleRate, double* bandwidth);
+
+/** Factor from tqDataType16sc samples to the corrected scale. tqInvalidConfigurationErr as tqGetIQParameters. */
+TQ_API TqStatus tqGetIQCorrection(int device, float* scale);
+
+/** The same for each step of the list. tqInvalidConfigurationErr unless tqModeIQSweepList runs. */
+TQ_API TqStatus tqIQSweepListGetCorrections(int device, float* corrections);
+
+/* ---- Data: tqInvalidConfigurationErr unless the mode of the call runs ---- */
+
+/**
+ * Takes one whole sweep; blocks until it is complete.
+ *   sweepMin, sweepMax  out, optional, sweepSize floats each in the unit of tqSetSweepScale, ascending in frequency;
+ *                       with tqDetectorAverage both are the same
+ *   nsSinceEpoch        out, optional, time of the sweep
+ * tqCPULimited, tqTempDrift, tqADCOverflow, tqUncalData: with reservation. tqFramingErr and tqConnectionLostErr, too,
+ * fill the buffers, with whatever has come. Writes nothing with tqInvalidConfigurationErr.
+ */
+TQ_API TqStatus tqGetSweep(int device, float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch);
+
+/**
+ * Blocks until the next frame, 30 a second; every output is optional.
+ *   colorFrame, alphaFrame  out, frameWidth x frameHeight floats each
+ *   sweepMin, sweepMax      out, sweepSize floats each
+ *   colorFrame              how often each pixel was hit; row 0 holds the lowest level
+ *   alphaFrame              0.0 to 1.0
+ *   frameCount              out, running number of the frame from 0 on; 0 without a frame
+ *   nsSinceEpoch            out, when the frame was finished; 0 without a frame
+ */
+TQ_API TqStatus tqGetRealTimeFrame(int device, float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax,
+                                   int* frameCount, int64_t* nsSinceEpoch);
+
+/**
+ * The next samples of the stream; blocks until they are there.
+ *   iqBuf             out, iqBufSize samples of the type of tqSetIQDataType
+ *   iqBufSize         complex samples, at least 1
+ *   triggers          out, optional, triggerBufSize sample positions in this buffer, unused places as
+ *                     tqSetIQTriggerSentinel says
+ *   nsSinceEpoch      out, optional, time of the first sample
+ *   purge             tqTrue: drop what has piled up and start with fresh samples
+ *   sampleLoss        out, optional, 1 when samples were lost before these
+ *   samplesRemaining  out, optional, samples that could be had without waiting
+ */
+TQ_API TqStatus tqGetIQ(int device, void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize,
+                        int64_t* nsSinceEpoch, TqBool purge, int* sampleLoss, int* samplesRemaining);
+
+/** One pass through the list; blocks. dst takes the samples of all steps; timestamps, optional, one for each step. */
+TQ_API TqStatus tqIQSweepListGetSweep(int device, void* dst, int64_t* timestamps);
+
+/** The same in two halves, with up to 16 passes, pos 0 to 15, in flight; the buffers stay with pos until its finish. */
+TQ_API TqStatus tqIQSweepListStartSweep(int device, int pos, void* dst, int64_t* timestamps);
+TQ_API TqStatus tqIQSweepListFinishSweep(int device, int pos);
+
+/** The next 1000 samples of audio, 30000 a second; blocks until they are there. */
+TQ_API TqStatus tqGetAudio(int device, float* audio);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -1,0 +1,667 @@
+#include "tq_device.h"
+
+#include "device_interface.h"
+#include "dsp.h"
+#include "ipps.h"
+#include "tq_assert.h"
+#include "tq_command.h"
+#include "tq_lib.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <initializer_list>
+#include <limits>
+#include <utility>
+
+namespace {
+
+constexpr int POWER_UP_MS = 50;        // the front end settles after its start-up words
+constexpr int AUX_XFER_BYTES = 32768;  // smallest unit of the data endpoint: four packets
+constexpr int AUX_XFER_TIMEOUT_MS = 2000;
+constexpr int GPS_WORDS_PER_BLOCK = CMD_SIZE_WORDS / 2;  // each takes two command words
+constexpr int TIMEBASE_MOVE_TICKS = 7;                   // smaller moves of the GPS discipline are not worth a file
+
+// Limits of the setters that clamp; frequencies are limited by MIN_FREQ_HZ and MAX_FREQ_HZ.
+constexpr double MAX_VBW_RATIO = 10000.0;  // RBW to VBW
+constexpr double MIN_SWEEP_TIME = 1e-6, MAX_SWEEP_TIME = 100.0;
+constexpr double MIN_REAL_TIME_SPAN = 200000.0, MAX_REAL_TIME_SPAN = 4e7;
+constexpr double MIN_REAL_TIME_RBW = 2000.0, MAX_REAL_TIME_RBW = 1e6;
+constexpr int MIN_IQ_QUEUE_SIZE = 2, MAX_IQ_QUEUE_SIZE = 16;
+constexpr double MIN_LIST_REF_DBM = -100.0;
+constexpr double MIN_AUDIO_BANDWIDTH = 500.0, MAX_AUDIO_BANDWIDTH = 250000.0;
+constexpr double MIN_AUDIO_LPF = 1000.0, MAX_AUDIO_LPF = 12000.0;
+constexpr double MIN_AUDIO_HPF = 20.0, MAX_AUDIO_HPF = 1000.0;
+constexpr double MIN_FM_DEEMPHASIS = 1.0, MAX_FM_DEEMPHASIS = 100.0;
+constexpr double MIN_FULL_BAND_LO = 3840000.0, MAX_FULL_BAND_LO = 1.92e10;
+
+bool AllFinite(std::initializer_list<double> values) {
+    return std::ranges::all_of(values, [](double v) { return std::isfinite(v); });
+}
+
+bool AnyNaN(std::initializer_list<double> values) {
+    return std::ranges::any_of(values, [](double v) { return std::isnan(v); });
+}
+
+// Stores `value`, limited to [low, high]; whether it had to be.
+template <typename T>
+bool StoreClamped(T& field, T value, T low, T high) {
+    field = std::clamp(value, low, high);
+    return field != value;
+}
+
+TqStatus ClampedStatus(bool clamped) { return clamped ? tqSettingClamped : tqNoError; }
+
+}  // namespace
+
+std::atomic<double> g_triggerSentinelValue{0.0};
+
+// --- Lifecycle and modes ---
+
+TqDevice::TqDevice(std::unique_ptr<DeviceInterface> interface) : usb(std::move(interface)) {
+    TQ_ASSERT(usb != nullptr);
+    if (rvCalDoesCorrectionsExist(usb->CalData())) corrections.LoadCorrections(usb->CalData());
+
+    // The timebase starts from whichever is newer, the calibration's last value or what GPS taught us.
+    uint16_t newest = lastCoarseTuneNormalized;
+    uint64_t newestTime = 0;
+    corrections.GetNewestTuningValue(newest, newestTime);
+    if (ReadGPSCorrection(usb->SerialNumber(), gpsCal) && gpsCal.timeStamp > newestTime) newest = gpsCal.voltage;
+    lastCoarseTuneNormalized = newest;
+    lastCoarseTune = newest;
+}
+
+TqDevice::~TqDevice() = default;
+
+TqStatus TqDevice::InitializeDevice() {
+    std::array<uint32_t, TQ720_CONFIG_MAX_WORDS> words;
+    TqCommand startUp;
+    startUp.StartNewCommand();
+    startUp.AddWords(words.data(), deviceConfig.Initialize(words.data()));
+    SendDirect(startUp);
+    powerState = tqPowerStateOn;
+    SystemSleep(POWER_UP_MS);
+
+    TqCommand reference;
+    reference.StartNewCommand();
+    reference.AddSetReference(referenceState == tqReferenceUseExternal);
+    SendDirect(reference);
+    SendGPSDOCommand();
+    SetCoarseTuneVal(lastCoarseTuneNormalized);
+    UpdateAuxData();
+    return usb->checkSumInvalid ? tqInvalidCalData : tqNoError;
+}
+
+TqStatus TqDevice::CloseDevice() {
+    Abort();
+    SetPowerState(tqPowerStateStandby);
+    return tqNoError;
+}
+
+TqStatus TqDevice::Abort() {
+    DestroyEngines();
+    ClearLowFreqCurve();
+    return tqNoError;
+}
+
+TqStatus TqDevice::Preset() {
+    usb->PresetDevice();
+    return tqNoError;
+}
+
+TqStatus TqDevice::Configure(TqMode mode) {
+    Abort();
+
+    TqStatus status = SetPowerState(tqPowerStateOn);
+    if (status != tqNoError) return status;
+
+    // Everything that is planned from here on belongs to one temperature, and drift warnings count from it.
+    float currentTemp = 0.0f;
+    GetDeviceDiagnostics(nullptr, nullptr, &currentTemp);
+    corrections.SetCurrentTemp(currentTemp);
+    readerStatus.Reconfigure();
+    readerTrigger.Reset();
+
+    status = UpdateDeviceTimebase();
+    if (status != tqNoError) return status;
+
+    static_cast<void>(mode);  // no mode has a planner yet
+    return tqInvalidParameterErr;
+}
+
+// An engine's destructor stops and joins its threads, so that the instrument is quiet afterwards.
+void TqDevice::DestroyEngines() { currentMode = tqModeIdle; }
+
+void TqDevice::ClearLowFreqCurve() {
+    lowFreqCurve.clear();
+    lowFreqCurveLog = true;
+}
+
+TqStatus TqDevice::GetCurrentMode(TqMode& mode) const {
+    mode = currentMode;
+    return tqNoError;
+}
+
+bool TqDevice::CanSendCommand() const {
+    const TqMode mode = currentMode;
+    return mode != tqModeRealTime && mode != tqModeIQStreaming && mode != tqModeAudio;
+}
+
+TqStatus TqDevice::SetPowerState(TqPowerState state) {
+    if (state == powerState) return tqNoError;
+    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+
+    const bool on = state == tqPowerStateOn;
+    std::array<uint32_t, TQ720_CONFIG_MAX_WORDS> words;
+    TqCommand command;
+    command.StartNewCommand();
+    command.AddWords(words.data(), on ? deviceConfig.ReInitialize(words.data()) : deviceConfig.PowerDown(words.data()));
+    SendDirect(command);
+    if (on) SystemSleep(POWER_UP_MS);
+    powerState = state;
+    return usb->TransferStatus();
+}
+
+TqStatus TqDevice::GetPowerState(TqPowerState& state) const {
+    state = powerState;
+    return tqNoError;
+}
+
+// --- Aux data ---
+
+TqStatus TqDevice::UpdateAuxData() {
+    AuxData aux{};
+    TqCommand command;
+    command.StartNewCommand();
+    command.AddFetchAux(4);
+    SendDirect(command);
+
+    const DMAXferStatus xfer = usb->FullDataXfer(0, AUX_XFER_BYTES, AUX_XFER_TIMEOUT_MS);
+    if (xfer.Failed()) {
+        std::puts("Aux data xfer failed");
+        return usb->TransferStatus();
+    }
+    std::memcpy(&aux, xfer.p, sizeof(aux));
+    UpdateAuxData(&aux);
+    return tqNoError;
+}
+
+void TqDevice::UpdateAuxData(const AuxData* aux) {
+    if (aux == nullptr) return;
+    hasFramingErr = aux->magicNumber != AUX_MAGIC_NUMBER;
+    if (hasFramingErr) return;
+
+    lastAuxUpdate = GetSystemTicks();
+    {
+        const Lock lock(auxLock);
+        verInfo.bootFx3Version = aux->bootRunFW[1];
+        verInfo.runFx3Version = aux->bootRunFW[0];
+        verInfo.fpgaVersion = static_cast<int>(aux->fpgaVersion);
+    }
+    readerStatus.Update(aux);
+    readerTrigger.Update(aux);
+    readerGPS.Update(aux);
+
+    // While the instrument steers its DAC from GPS the host follows, and keeps the value so that the next start begins
+    // at a good frequency. The difference is taken in 64 bits: the packet's field is 32 bits of anything.
+    if (!readerGPS.IsGPSDataValidAndDisciplined()) return;
+    if (std::abs(int64_t{lastCoarseTune} - int64_t{aux->timebaseDAC}) <= TIMEBASE_MOVE_TICKS) return;
+
+    const auto dac = static_cast<uint16_t>(aux->timebaseDAC);
+    const auto normalized = static_cast<uint16_t>(dac - corrections.GetFreqTuneOffset());
+    lastCoarseTune = dac;
+    lastCoarseTuneNormalized = normalized;
+    const TqGPSCal learned{true, static_cast<uint64_t>(GetEpochSeconds()), normalized};
+    {
+        const Lock lock(auxLock);
+        gpsCal = learned;
+    }
+    StoreGPSCorrection(usb->SerialNumber(), learned);
+}
+
+bool TqDevice::AuxDataIsDue() const {
+    return CanSendCommand() && GetSystemTicks() - lastAuxUpdate > MAX_AUX_UPDATE_RATE_MS;
+}
+
+TqStatus TqDevice::GetDeviceDiagnostics(float* voltage, float* current, float* temperature) {
+    if (AuxDataIsDue()) UpdateAuxData();
+    if (voltage != nullptr) *voltage = readerStatus.DeviceVoltage();
+    if (current != nullptr) *current = readerStatus.DeviceCurrent();
+    if (temperature != nullptr) *temperature = readerStatus.DeviceTemp();
+    return usb->TransferStatus();
+}
+
+TqStatus TqDevice::GetGPSState(TqGPSState& state) {
+    TqStatus status = tqNoError;
+    if (AuxDataIsDue()) {
+        UpdateAuxData();
+        status = usb->TransferStatus();
+    }
+    state = tqGPSStateNotPresent;
+    if (readerGPS.IsGPSDataValid()) state = tqGPSStateLocked;
+    if (readerGPS.IsGPSDataValidAndDisciplined()) state = tqGPSStateDisciplined;
+    return status;
+}
+
+TqStatus TqDevice::GetGPSInfo(TqBool refresh, TqBool* updated, TqGPSInfo& info, char* nmea, int* nmeaLen) {
+    if (refresh == tqTrue && CanSendCommand()) UpdateAuxData();
+    const TqStatus status = readerGPS.Query(updated, &info, nmea, nmeaLen);
+    return status != tqNoError ? status : usb->TransferStatus();
+}
+
+TqStatus TqDevice::GetFanSettings(float* setPoint, float* voltage) {
+    if (CanSendCommand()) {
+        const TqStatus status = UpdateAuxData();
+        if (status != tqNoError) return status;
+    }
+    if (setPoint != nullptr) *setPoint = readerStatus.FanThreshold();
+    if (voltage != nullptr) *voltage = readerStatus.FanVoltage();
+    return tqNoError;
+}
+
+int TqDevice::GetSerialNumber() const { return usb->SerialNumber(); }
+
+TqVersionInfo TqDevice::GetVersionInfo() const {
+    const Lock lock(auxLock);
+    return verInfo;
+}
+
+TqStatus TqDevice::GetCalInfo(uint32_t& lastCalDate) const {
+    lastCalDate = corrections.GetCalDate();
+    return tqNoError;
+}
+
+// --- Side ports and timebase ---
+
+// Sends the blocks and answers with the transfer status, which also tells of any earlier failure.
+TqStatus TqDevice::SendDirect(TqCommand& command) {
+    usb->SendCommands(command);
+    return usb->TransferStatus();
+}
+
+TqStatus TqDevice::SetGPIOPort(TqGPIOFunction func) {
+    if (!IsIdle()) return tqInvalidConfigurationErr;
+
+    gpioFunction = func;
+    TqCommand command;
+    command.StartNewCommand();
+    switch (func) {
+        case TqGPIOFunctionTrigIn:  // the I/Q plan sets the edge when it needs the trigger
+        case TqGPIOFunctionUARTDoppler:
+            return usb->TransferStatus();
+        case TqGPIOFunctionPPSOut:
+            command.AddSetPPSOut();
+            break;
+        case TqGPIOFunctionLogicOutLow:
+            command.AddSetLogicLowOut();
+            break;
+        case TqGPIOFunctionLogicOutHigh:
+            command.AddSetLogicHighOut();
+            break;
+        case TqGPIOFunctionUARTDirect:
+        case TqGPIOFunctionUARTSweep:
+            command.AddConfigureUARTDirect(UARTDivider);
+            break;
+    }
+    return SendDirect(command);
+}
+
+TqStatus TqDevice::GetGPIOPort(TqGPIOFunction& func) const {
+    func = gpioFunction;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetUARTBaudRate(float rate) {
+    if (std::isnan(rate)) return tqInvalidParameterErr;
+    if (!IsIdle()) return tqInvalidConfigurationErr;
+
+    UARTDivider = std::clamp(DSP::RoundToInt(BASE_BAUD_RATE / double{rate}), 1, MAX_UART_DIVIDER);
+    if (gpioFunction != TqGPIOFunctionUARTDirect && gpioFunction != TqGPIOFunctionUARTSweep) {
+        return usb->TransferStatus();
+    }
+    TqCommand command;
+    command.StartNewCommand();
+    command.AddConfigureUARTDirect(UARTDivider);
+    return SendDirect(command);
+}
+
+TqStatus TqDevice::GetUARTBaudRate(float& rate) const {
+    rate = static_cast<float>(BASE_BAUD_RATE / UARTDivider);
+    return tqNoError;
+}
+
+TqStatus TqDevice::WriteUARTDirect(uint8_t data) {
+    if (!CanSendCommand() || gpioFunction != TqGPIOFunctionUARTDirect) return tqInvalidConfigurationErr;
+    TqCommand command;
+    command.StartNewCommand();
+    command.AddUARTWriteDirect(data);
+    return SendDirect(command);
+}
+
+TqStatus TqDevice::SetFanSetPoint(float setPoint) {
+    if (!std::isfinite(setPoint)) return tqInvalidParameterErr;
+    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+    return usb->SetFanSetPoint(setPoint);
+}
+
+TqStatus TqDevice::SetReference(TqReference reference) {
+    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+    if (reference == referenceState) return tqNoError;
+    referenceState = reference;
+    TqCommand command;
+    command.StartNewCommand();
+    command.AddSetReference(reference == tqReferenceUseExternal);
+    return SendDirect(command);
+}
+
+TqStatus TqDevice::GetReference(TqReference& reference) const {
+    reference = referenceState;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetGPSTimebaseUpdate(TqBool enabled) {
+    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+    if (enabled == autoGPSTimebaseUpdate) return tqNoError;
+    autoGPSTimebaseUpdate = enabled;
+    return SendGPSDOCommand();
+}
+
+TqStatus TqDevice::GetGPSTimebaseUpdate(TqBool& enabled) const {
+    enabled = autoGPSTimebaseUpdate;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SendGPSDOCommand() {
+    TqCommand command;
+    command.StartNewCommand();
+    command.AddSetGPSTimebaseUpdate(autoGPSTimebaseUpdate == tqTrue);
+    return SendDirect(command);
+}
+
+TqStatus TqDevice::GetGPSHoldOverInfo(TqBool* usingGPSHoldover, uint32_t* lastHoldoverTime) const {
+    TqGPSCal learned;
+    {
+        const Lock lock(auxLock);
+        learned = gpsCal;
+    }
+    uint16_t newest = 0;
+    uint64_t newestTime = 0;
+    corrections.GetNewestTuningValue(newest, newestTime);
+
+    if (usingGPSHoldover != nullptr) {
+        *usingGPSHoldover = learned.valid && learned.timeStamp > newestTime ? tqTrue : tqFalse;
+    }
+    if (lastHoldoverTime != nullptr) {
+        *lastHoldoverTime = learned.valid ? static_cast<uint32_t>(learned.timeStamp) : 0;
+    }
+    return tqNoError;
+}
+
+TqStatus TqDevice::WriteToGPS(std::span<const uint8_t> bytes) {
+    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+
+    std::vector<uint32_t> words((bytes.size() + 3) / 4);  // zeroed: the last one is filled up with zeros
+    std::memcpy(words.data(), bytes.data(), bytes.size());
+    TqCommand command;
+    for (std::span<const uint32_t> left = words; !left.empty();) {
+        const auto block = left.first(std::min<size_t>(left.size(), GPS_WORDS_PER_BLOCK));
+        command.StartNewCommand();
+        command.AddWriteToGPS(block.data(), static_cast<int>(block.size()));
+        left = left.subspan(block.size());
+    }
+    return SendDirect(command);
+}
+
+TqStatus TqDevice::GetCoarseTuneVal(uint16_t* ticks) const {
+    if (ticks != nullptr) *ticks = lastCoarseTuneNormalized;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetCoarseTuneVal(uint16_t ticks) {
+    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+    const auto dac = static_cast<uint16_t>(ticks + corrections.GetFreqTuneOffset());
+    lastCoarseTuneNormalized = ticks;
+    lastCoarseTune = dac;
+    TqCommand command;
+    command.StartNewCommand();
+    command.AddSetTimebaseDAC(dac);
+    return SendDirect(command);
+}
+
+// Writing the normalised value again is how the timebase follows the temperature; an instrument that disciplines
+// itself is left alone.
+TqStatus TqDevice::UpdateDeviceTimebase() {
+    if (readerGPS.IsGPSDataValid() && autoGPSTimebaseUpdate == tqTrue) return tqNoError;
+    return SetCoarseTuneVal(lastCoarseTuneNormalized);
+}
+
+// --- Settings ---
+
+TqStatus TqDevice::SetSweepStartStop(double start, double stop) {
+    if (!AllFinite({start, stop}) || start >= stop) return tqInvalidParameterErr;
+    bool clamped = StoreClamped(sweepSettings.start, start, MIN_FREQ_HZ, MAX_FREQ_HZ);
+    clamped |= StoreClamped(sweepSettings.stop, stop, MIN_FREQ_HZ, MAX_FREQ_HZ);
+    return ClampedStatus(clamped);
+}
+
+TqStatus TqDevice::SetSweepCoupling(double rbw, double vbw, double sweepTime) {
+    if (!AllFinite({rbw, vbw, sweepTime}) || rbw <= 0.0) return tqInvalidParameterErr;
+    sweepSettings.rbw = rbw;
+    bool clamped = StoreClamped(sweepSettings.vbw, vbw, rbw / MAX_VBW_RATIO, rbw);
+    clamped |= StoreClamped(sweepSettings.sweepTime, sweepTime, MIN_SWEEP_TIME, MAX_SWEEP_TIME);
+    return ClampedStatus(clamped);
+}
+
+TqStatus TqDevice::SetSweepDetector(TqDetector detector, TqVideoUnits videoUnits) {
+    sweepSettings.detector = detector;
+    sweepSettings.videoUnits = videoUnits;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetSweepScale(TqScale scale) {
+    sweepSettings.scale = scale;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetSweepWindow(TqWindowType window) {
+    sweepSettings.window = window;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetSweepGPIOSwitching(std::span<const double> freqs, std::span<const uint8_t> data) {
+    TQ_ASSERT(freqs.size() == data.size());
+    std::vector<GPIOSweepStep> steps(freqs.size());
+    for (size_t i = 0; i < steps.size(); ++i) {
+        if (!std::isfinite(freqs[i])) return tqInvalidParameterErr;
+        steps[i] = {freqs[i], data[i]};
+    }
+    std::ranges::sort(steps, {}, &GPIOSweepStep::freq);
+    gpioSweepSteps = std::move(steps);
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetSweepGPIOSwitchingDisabled() {
+    gpioSweepSteps.clear();
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetRealTimeCenterSpan(double center, double span) {
+    if (AnyNaN({center, span})) return tqInvalidParameterErr;
+    bool clamped = StoreClamped(realTimeSettings.span, span, MIN_REAL_TIME_SPAN, MAX_REAL_TIME_SPAN);
+    clamped |= StoreClamped(realTimeSettings.centerFreq, center, MIN_FREQ_HZ, MAX_FREQ_HZ);
+    return ClampedStatus(clamped);
+}
+
+TqStatus TqDevice::SetRealTimeRBW(double rbw) {
+    if (std::isnan(rbw)) return tqInvalidParameterErr;
+    return ClampedStatus(StoreClamped(realTimeSettings.rbw, rbw, MIN_REAL_TIME_RBW, MAX_REAL_TIME_RBW));
+}
+
+TqStatus TqDevice::SetRealTimeDetector(TqDetector detector) {
+    realTimeSettings.detector = detector;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetRealTimeScale(TqScale scale, double frameRef, double frameScale) {
+    if (!AllFinite({frameRef, frameScale})) return tqInvalidParameterErr;
+    realTimeSettings.scale = scale;
+    realTimeSettings.frameRef = frameRef;
+    realTimeSettings.frameHeightDB = frameScale;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetRealTimeWindow(TqWindowType window) {
+    realTimeSettings.window = window;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQDataType(TqDataType dataType) {
+    iqSettings.dataType = dataType;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQCenterFreq(double centerFreqHz) {
+    if (!std::isfinite(centerFreqHz)) return tqInvalidParameterErr;
+    iqSettings.centerFreq = centerFreqHz;
+    return tqNoError;
+}
+
+TqStatus TqDevice::GetIQCenterFreq(double& centerFreqHz) const {
+    centerFreqHz = iqSettings.centerFreq;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQSampleRate(int decimation) {
+    iqSettings.decimation = decimation;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQSoftwareFilter(TqBool enabled) {
+    iqSettings.softwareFiltering = enabled == tqTrue;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQBandwidth(double bandwidth) {
+    if (!std::isfinite(bandwidth)) return tqInvalidParameterErr;
+    iqSettings.bandwidth = bandwidth;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQExtTriggerEdge(TqTriggerEdge edge) {
+    iqSettings.extTriggerEdge = edge;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQQueueSize(int units) {
+    return ClampedStatus(StoreClamped(iqSettings.queueSize, units, MIN_IQ_QUEUE_SIZE, MAX_IQ_QUEUE_SIZE));
+}
+
+TqStatus TqDevice::SetIQSweepListDataType(TqDataType dataType) {
+    iqSweepListSettings.dataType = dataType;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQSweepListCorrected(TqBool corrected) {
+    iqSweepListSettings.fullScale = corrected == tqFalse;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetIQSweepListSteps(int steps) {
+    if (steps < 1 || steps > MAX_SWEEP_LIST_STEPS) return tqInvalidParameterErr;
+    iqSweepListSettings.steps.resize(static_cast<size_t>(steps));
+    return tqNoError;
+}
+
+TqStatus TqDevice::GetIQSweepListSteps(int& steps) const {
+    steps = static_cast<int>(iqSweepListSettings.steps.size());
+    return tqNoError;
+}
+
+// The step at an index that came from outside, or null.
+TqIQSweepListStep* TqDevice::SweepListStep(int step) {
+    auto& steps = iqSweepListSettings.steps;
+    return step >= 0 && step < static_cast<int>(steps.size()) ? &steps[static_cast<size_t>(step)] : nullptr;
+}
+
+TqStatus TqDevice::SetIQSweepListFreq(int step, double freq) {
+    TqIQSweepListStep* const s = SweepListStep(step);
+    if (s == nullptr || std::isnan(freq)) return tqInvalidParameterErr;
+    return ClampedStatus(StoreClamped(s->freq, freq, MIN_FREQ_HZ, MAX_FREQ_HZ));
+}
+
+TqStatus TqDevice::SetIQSweepListRef(int step, double level) {
+    TqIQSweepListStep* const s = SweepListStep(step);
+    if (s == nullptr || std::isnan(level)) return tqInvalidParameterErr;
+    s->atten = MIN_ATTEN;
+    return ClampedStatus(StoreClamped(s->ref, level, MIN_LIST_REF_DBM, MAX_REF_LEVEL_DBM));
+}
+
+TqStatus TqDevice::SetIQSweepListAtten(int step, int atten) {
+    TqIQSweepListStep* const s = SweepListStep(step);
+    if (s == nullptr) return tqInvalidParameterErr;
+    return ClampedStatus(StoreClamped(s->atten, atten, MIN_ATTEN, MAX_ATTEN));
+}
+
+TqStatus TqDevice::SetIQSweepListSampleCount(int step, uint32_t samples) {
+    TqIQSweepListStep* const s = SweepListStep(step);
+    if (s == nullptr) return tqInvalidParameterErr;
+    constexpr uint32_t MOST = std::numeric_limits<int>::max();  // what the record can hold
+    s->samples = static_cast<int>(std::min(samples, MOST));
+    return ClampedStatus(samples > MOST);
+}
+
+TqStatus TqDevice::SetAudioCenterFreq(double centerFreqHz) {
+    if (std::isnan(centerFreqHz)) return tqInvalidParameterErr;
+    return ClampedStatus(StoreClamped(audioSettings.center, centerFreqHz, MIN_FREQ_HZ, MAX_FREQ_HZ));
+}
+
+TqStatus TqDevice::SetAudioType(TqAudioType audioType) {
+    audioSettings.audioType = audioType;
+    return tqNoError;
+}
+
+TqStatus TqDevice::SetAudioFilters(double ifBandwidth, double audioLpf, double audioHpf) {
+    if (AnyNaN({ifBandwidth, audioLpf, audioHpf})) return tqInvalidParameterErr;
+    bool clamped = StoreClamped(audioSettings.ifBandwidth, ifBandwidth, MIN_AUDIO_BANDWIDTH, MAX_AUDIO_BANDWIDTH);
+    clamped |= StoreClamped(audioSettings.audioLpf, audioLpf, MIN_AUDIO_LPF, MAX_AUDIO_LPF);
+    clamped |= StoreClamped(audioSettings.audioHpf, audioHpf, MIN_AUDIO_HPF, MAX_AUDIO_HPF);
+    return ClampedStatus(clamped);
+}
+
+TqStatus TqDevice::SetAudioFMDeemphasis(double deemphasis) {
+    if (std::isnan(deemphasis)) return tqInvalidParameterErr;
+    return ClampedStatus(StoreClamped(audioSettings.fmDeemphasis, deemphasis, MIN_FM_DEEMPHASIS, MAX_FM_DEEMPHASIS));
+}
+
+TqStatus TqDevice::SetIQFullBandLO(double freq) {
+    if (std::isnan(freq)) return tqInvalidParameterErr;
+    StoreClamped(iqFullBandLOFreq, freq, MIN_FULL_BAND_LO, MAX_FULL_BAND_LO);
+    return tqNoError;
+}
+
+// --- What was configured, and its data ---
+
+TqStatus TqDevice::GetSweepSettings(TqSweepSettings& settings) const {
+    if (currentMode != tqModeSweeping) return tqInvalidConfigurationErr;
+    settings = sweepSettings;
+    return tqNoError;
+}
+
+TqStatus TqDevice::GetRealTimeSettings(TqRealTimeSettings& settings) const {
+    if (currentMode != tqModeRealTime) return tqInvalidConfigurationErr;
+    settings = realTimeSettings;
+    return tqNoError;
+}
+
+TqStatus TqDevice::GetIQParameters(double* sampleRate, double* bandwidth) const {
+    if (currentMode != tqModeIQStreaming) return tqInvalidConfigurationErr;
+    if (sampleRate != nullptr) *sampleRate = iqSettings.actualSampleRate;
+    if (bandwidth != nullptr) *bandwidth = iqSettings.actualBandwidth;
+    return tqNoError;
+}
+
+TqStatus TqDevice::GetSweep(float*, float*, int64_t*) { return tqInvalidConfigurationErr; }

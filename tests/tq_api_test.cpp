@@ -1,0 +1,343 @@
+#include "tq_api.h"
+
+#include "device_support.h"
+#include "tq_device.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <iterator>
+#include <limits>
+#include <set>
+#include <string>
+#include <type_traits>
+
+namespace {
+
+constexpr int SERIAL = 12345678;
+constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double INF = std::numeric_limits<double>::infinity();
+
+// A value that no enumeration of the interface has, as a C caller can pass it.
+struct Wild {
+    int value;
+    template <typename E>
+    requires std::is_enum_v<E>
+    constexpr operator E() const { return static_cast<E>(value); }
+};
+
+constexpr TqStatus OK = tqNoError;
+constexpr TqStatus CLAMPED = tqSettingClamped;
+constexpr TqStatus NO_PTR = tqNullPtrErr;
+constexpr TqStatus BAD_ARG = tqInvalidParameterErr;
+constexpr TqStatus NOT_NOW = tqInvalidConfigurationErr;
+
+// Places for outputs that a call must not reach.
+int anInt;
+float aFloat;
+double aDouble;
+uint8_t aByte;
+
+struct Call {
+    const char* name;
+    TqStatus onOpenDevice;  // what an idle device answers
+    TqStatus (*call)(int device);
+};
+
+// Every export that takes a handle, with bad arguments: pointers are null one at a time, enumerations one past their
+// end. The last two rows end the handle.
+constexpr Call CALLS[] = {
+    {"tqSetPowerState", BAD_ARG, [](int d) { return tqSetPowerState(d, Wild{2}); }},
+    {"tqGetPowerState", NO_PTR, [](int d) { return tqGetPowerState(d, nullptr); }},
+    {"tqGetSerialNumber", NO_PTR, [](int d) { return tqGetSerialNumber(d, nullptr); }},
+    {"tqGetFirmwareVersion", NO_PTR, [](int d) { return tqGetFirmwareVersion(d, nullptr, &anInt, &anInt); }},
+    {"tqGetFirmwareVersion", NO_PTR, [](int d) { return tqGetFirmwareVersion(d, &anInt, nullptr, &anInt); }},
+    {"tqGetFirmwareVersion", NO_PTR, [](int d) { return tqGetFirmwareVersion(d, &anInt, &anInt, nullptr); }},
+    {"tqGetDeviceDiagnostics", OK, [](int d) { return tqGetDeviceDiagnostics(d, nullptr, nullptr, nullptr); }},
+    {"tqGetCalDate", NO_PTR, [](int d) { return tqGetCalDate(d, nullptr); }},
+    {"tqSetFanSetPoint", BAD_ARG, [](int d) { return tqSetFanSetPoint(d, NAN); }},
+    {"tqGetFanSettings", OK, [](int d) { return tqGetFanSettings(d, nullptr, nullptr); }},
+    {"tqSetReference", BAD_ARG, [](int d) { return tqSetReference(d, Wild{2}); }},
+    {"tqGetReference", NO_PTR, [](int d) { return tqGetReference(d, nullptr); }},
+    {"tqSetGPIOPort", BAD_ARG, [](int d) { return tqSetGPIOPort(d, Wild{7}); }},
+    {"tqGetGPIOPort", NO_PTR, [](int d) { return tqGetGPIOPort(d, nullptr); }},
+    {"tqSetUARTBaudRate", BAD_ARG, [](int d) { return tqSetUARTBaudRate(d, NAN); }},
+    {"tqGetUARTBaudRate", NO_PTR, [](int d) { return tqGetUARTBaudRate(d, nullptr); }},
+    {"tqWriteUARTDirect", NOT_NOW, [](int d) { return tqWriteUARTDirect(d, 0); }},
+    {"tqSetGPSTimebaseUpdate", BAD_ARG, [](int d) { return tqSetGPSTimebaseUpdate(d, Wild{2}); }},
+    {"tqGetGPSTimebaseUpdate", NO_PTR, [](int d) { return tqGetGPSTimebaseUpdate(d, nullptr); }},
+    {"tqGetGPSHoldoverInfo", OK, [](int d) { return tqGetGPSHoldoverInfo(d, nullptr, nullptr); }},
+    {"tqGetGPSState", NO_PTR, [](int d) { return tqGetGPSState(d, nullptr); }},
+    {"tqGetGPSInfo", OK,
+     [](int d) { return tqGetGPSInfo(d, Wild{9}, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); }},
+    {"tqWriteToGPS", NO_PTR, [](int d) { return tqWriteToGPS(d, nullptr, 0); }},
+    {"tqWriteToGPS", BAD_ARG, [](int d) { return tqWriteToGPS(d, &aByte, 0); }},
+    {"tqSetRefLevel", BAD_ARG, [](int d) { return tqSetRefLevel(d, NaN); }},
+    {"tqGetRefLevel", NO_PTR, [](int d) { return tqGetRefLevel(d, nullptr); }},
+    {"tqSetAttenuator", CLAMPED, [](int d) { return tqSetAttenuator(d, 99); }},
+    {"tqGetAttenuator", NO_PTR, [](int d) { return tqGetAttenuator(d, nullptr); }},
+    {"tqSetSweepStartStop", BAD_ARG, [](int d) { return tqSetSweepStartStop(d, NaN, NaN); }},
+    {"tqSetSweepCenterSpan", BAD_ARG, [](int d) { return tqSetSweepCenterSpan(d, NaN, NaN); }},
+    {"tqSetSweepCoupling", BAD_ARG, [](int d) { return tqSetSweepCoupling(d, NaN, NaN, NaN); }},
+    {"tqSetSweepDetector", BAD_ARG, [](int d) { return tqSetSweepDetector(d, Wild{2}, tqVideoLog); }},
+    {"tqSetSweepDetector", BAD_ARG, [](int d) { return tqSetSweepDetector(d, tqDetectorMinMax, Wild{4}); }},
+    {"tqSetSweepScale", BAD_ARG, [](int d) { return tqSetSweepScale(d, Wild{3}); }},
+    {"tqSetSweepWindow", BAD_ARG, [](int d) { return tqSetSweepWindow(d, Wild{6}); }},
+    {"tqSetSweepGPIOSwitching", NO_PTR, [](int d) { return tqSetSweepGPIOSwitching(d, nullptr, &aByte, 1); }},
+    {"tqSetSweepGPIOSwitching", NO_PTR, [](int d) { return tqSetSweepGPIOSwitching(d, &aDouble, nullptr, 1); }},
+    {"tqSetSweepGPIOSwitching", OK, [](int d) { return tqSetSweepGPIOSwitching(d, nullptr, nullptr, 0); }},
+    {"tqSetSweepGPIOSwitchingDisabled", OK, [](int d) { return tqSetSweepGPIOSwitchingDisabled(d); }},
+    {"tqSetRealTimeCenterSpan", BAD_ARG, [](int d) { return tqSetRealTimeCenterSpan(d, NaN, NaN); }},
+    {"tqSetRealTimeRBW", BAD_ARG, [](int d) { return tqSetRealTimeRBW(d, NaN); }},
+    {"tqSetRealTimeDetector", BAD_ARG, [](int d) { return tqSetRealTimeDetector(d, Wild{2}); }},
+    {"tqSetRealTimeScale", BAD_ARG, [](int d) { return tqSetRealTimeScale(d, Wild{3}, 0, 0); }},
+    {"tqSetRealTimeScale", BAD_ARG, [](int d) { return tqSetRealTimeScale(d, tqScaleLog, 0, NaN); }},
+    {"tqSetRealTimeWindow", BAD_ARG, [](int d) { return tqSetRealTimeWindow(d, Wild{6}); }},
+    {"tqSetIQDataType", BAD_ARG, [](int d) { return tqSetIQDataType(d, Wild{2}); }},
+    {"tqSetIQCenterFreq", BAD_ARG, [](int d) { return tqSetIQCenterFreq(d, NaN); }},
+    {"tqGetIQCenterFreq", NO_PTR, [](int d) { return tqGetIQCenterFreq(d, nullptr); }},
+    {"tqSetIQSampleRate", BAD_ARG, [](int d) { return tqSetIQSampleRate(d, 3); }},
+    {"tqSetIQSoftwareFilter", BAD_ARG, [](int d) { return tqSetIQSoftwareFilter(d, Wild{2}); }},
+    {"tqSetIQBandwidth", BAD_ARG, [](int d) { return tqSetIQBandwidth(d, NaN); }},
+    {"tqSetIQExtTriggerEdge", BAD_ARG, [](int d) { return tqSetIQExtTriggerEdge(d, Wild{2}); }},
+    {"tqSetIQQueueSize", CLAMPED, [](int d) { return tqSetIQQueueSize(d, 0); }},
+    {"tqSetIQSweepListDataType", BAD_ARG, [](int d) { return tqSetIQSweepListDataType(d, Wild{2}); }},
+    {"tqSetIQSweepListCorrected", BAD_ARG, [](int d) { return tqSetIQSweepListCorrected(d, Wild{2}); }},
+    {"tqSetIQSweepListSteps", BAD_ARG, [](int d) { return tqSetIQSweepListSteps(d, -1); }},
+    {"tqGetIQSweepListSteps", NO_PTR, [](int d) { return tqGetIQSweepListSteps(d, nullptr); }},
+    {"tqSetIQSweepListFreq", BAD_ARG, [](int d) { return tqSetIQSweepListFreq(d, -1, 1e9); }},
+    {"tqSetIQSweepListRef", BAD_ARG, [](int d) { return tqSetIQSweepListRef(d, -1, 0.0); }},
+    {"tqSetIQSweepListAtten", BAD_ARG, [](int d) { return tqSetIQSweepListAtten(d, -1, 0); }},
+    {"tqSetIQSweepListSampleCount", BAD_ARG, [](int d) { return tqSetIQSweepListSampleCount(d, -1, 1); }},
+    {"tqSetAudioCenterFreq", BAD_ARG, [](int d) { return tqSetAudioCenterFreq(d, NaN); }},
+    {"tqSetAudioType", BAD_ARG, [](int d) { return tqSetAudioType(d, Wild{5}); }},
+    {"tqSetAudioFilters", BAD_ARG, [](int d) { return tqSetAudioFilters(d, NaN, NaN, NaN); }},
+    {"tqSetAudioFMDeemphasis", BAD_ARG, [](int d) { return tqSetAudioFMDeemphasis(d, NaN); }},
+    {"tqConfigure", BAD_ARG, [](int d) { return tqConfigure(d, Wild{6}); }},
+    {"tqConfigure", BAD_ARG, [](int d) { return tqConfigure(d, Wild{-1}); }},
+    {"tqGetCurrentMode", NO_PTR, [](int d) { return tqGetCurrentMode(d, nullptr); }},
+    {"tqAbort", OK, [](int d) { return tqAbort(d); }},
+    {"tqGetSweepParameters", NOT_NOW,
+     [](int d) { return tqGetSweepParameters(d, nullptr, nullptr, nullptr, nullptr, nullptr); }},
+    {"tqGetRealTimeParameters", NOT_NOW,
+     [](int d) { return tqGetRealTimeParameters(d, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); }},
+    {"tqGetIQParameters", NOT_NOW, [](int d) { return tqGetIQParameters(d, nullptr, nullptr); }},
+    {"tqGetIQCorrection", NO_PTR, [](int d) { return tqGetIQCorrection(d, nullptr); }},
+    {"tqGetIQCorrection", NOT_NOW, [](int d) { return tqGetIQCorrection(d, &aFloat); }},
+    {"tqIQSweepListGetCorrections", NO_PTR, [](int d) { return tqIQSweepListGetCorrections(d, nullptr); }},
+    {"tqIQSweepListGetCorrections", NOT_NOW, [](int d) { return tqIQSweepListGetCorrections(d, &aFloat); }},
+    {"tqGetSweep", NOT_NOW, [](int d) { return tqGetSweep(d, nullptr, nullptr, nullptr); }},
+    {"tqGetRealTimeFrame", NOT_NOW,
+     [](int d) { return tqGetRealTimeFrame(d, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); }},
+    {"tqGetIQ", NO_PTR, [](int d) { return tqGetIQ(d, nullptr, 0, nullptr, 0, nullptr, tqFalse, nullptr, nullptr); }},
+    {"tqGetIQ", BAD_ARG, [](int d) { return tqGetIQ(d, &aFloat, 0, nullptr, 0, nullptr, tqFalse, nullptr, nullptr); }},
+    {"tqGetIQ", NOT_NOW, [](int d) { return tqGetIQ(d, &aFloat, 1, nullptr, -1, nullptr, Wild{9}, nullptr, nullptr); }},
+    {"tqIQSweepListGetSweep", NOT_NOW, [](int d) { return tqIQSweepListGetSweep(d, nullptr, nullptr); }},
+    {"tqIQSweepListStartSweep", NOT_NOW, [](int d) { return tqIQSweepListStartSweep(d, -1, nullptr, nullptr); }},
+    {"tqIQSweepListFinishSweep", NOT_NOW, [](int d) { return tqIQSweepListFinishSweep(d, -1); }},
+    {"tqGetAudio", NO_PTR, [](int d) { return tqGetAudio(d, nullptr); }},
+    {"tqGetAudio", NOT_NOW, [](int d) { return tqGetAudio(d, &aFloat); }},
+    {"tqPresetDevice", OK, [](int d) { return tqPresetDevice(d); }},
+    {"tqCloseDevice", tqInvalidDeviceErr, [](int d) { return tqCloseDevice(d); }},
+};
+
+TEST(Handles, AreCheckedBeforeAnythingElse) {
+    std::set<std::string> names;
+    for (const Call& row : CALLS) {
+        names.insert(row.name);
+        for (const int handle : {-1, 0, 8, 9, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
+            EXPECT_EQ(row.call(handle), tqInvalidDeviceErr) << row.name << ' ' << handle;
+        }
+    }
+
+    // The list of exports knows which names take a handle: all plain ones but these.
+    std::set<std::string> expected;
+    std::ifstream exports(std::filesystem::path(__FILE__).replace_filename("exports.txt"));
+    for (std::string type, name; exports >> type && std::getline(exports >> std::ws, name);) {
+        if (name.find('(') == std::string::npos) expected.insert(name);
+    }
+    for (const char* other : {"tqGetErrorString", "tqGetAPIVersion", "tqGetDeviceList", "tqOpenDevice",
+                              "tqOpenDeviceBySerial", "tqSetIQTriggerSentinel"}) {
+        EXPECT_EQ(expected.erase(other), 1u) << other;
+    }
+    EXPECT_EQ(names, expected);
+}
+
+TEST(Texts, EveryStatusHasItsOwn) {
+    std::set<std::string> texts;
+    constexpr int NAMED[] = {-101, -100, -11, -10, -9, -8, -7, -6, -5, -4, -3, -2, -1, 0, 1, 2, 3, 4, 5, 6};
+    for (const int status : NAMED) texts.insert(tqGetErrorString(Wild{status}));
+    EXPECT_EQ(texts.size(), std::size(NAMED));
+    EXPECT_FALSE(texts.contains("Unknown error"));
+    EXPECT_STREQ(tqGetErrorString(tqConnectionLostErr), "Connection lost");
+    for (const int status : {7, -12, -102}) EXPECT_STREQ(tqGetErrorString(Wild{status}), "Unknown error");
+}
+
+class Frame : public DeviceFixture {
+protected:
+    void TearDown() override {
+        for (int handle = 0; handle < 9; ++handle) tqCloseDevice(handle);
+        DeviceFixture::TearDown();
+    }
+
+    static int Open(int serial = SERIAL, TqStatus expected = tqNoError) {
+        int handle = -1;
+        EXPECT_EQ(tqOpenDeviceBySerial(&handle, serial), expected);
+        return handle;
+    }
+
+    sim::Instrument& PlugAndOpen() {
+        sim::Instrument& instrument = PlugKnown(SERIAL);
+        device = Open();
+        return instrument;
+    }
+
+    TqMode Mode() const {
+        TqMode mode = tqModeAudio;
+        EXPECT_EQ(tqGetCurrentMode(device, &mode), tqNoError);
+        return mode;
+    }
+
+    int device = -1;
+};
+
+TEST_F(Frame, ArgumentsAreCheckedOnAnOpenDevice) {
+    PlugAndOpen();
+    for (const int decimation : {0, -2, 12, 16384, std::numeric_limits<int>::min()}) {
+        EXPECT_EQ(tqSetIQSampleRate(device, decimation), BAD_ARG) << decimation;
+    }
+    int x = 77;
+    int64_t time = 77;
+    EXPECT_EQ(tqGetRealTimeFrame(device, nullptr, nullptr, nullptr, nullptr, &x, &time), NOT_NOW);
+    EXPECT_EQ(x, 0);
+    EXPECT_EQ(time, 0);
+    EXPECT_EQ(tqGetDeviceList(nullptr, &x), NO_PTR);
+    EXPECT_EQ(tqGetDeviceList(&x, nullptr), NO_PTR);
+    EXPECT_EQ(tqOpenDevice(nullptr), NO_PTR);
+    EXPECT_EQ(tqOpenDeviceBySerial(nullptr, SERIAL), NO_PTR);
+
+    sim::ClearSleeps();
+    for (const Call& row : CALLS) EXPECT_EQ(row.call(device), row.onOpenDevice) << row.name;
+
+    // What the preset has left.
+    EXPECT_GE(sim::Sleeps().total, std::chrono::seconds(6));
+    EXPECT_TRUE(bus.WaitListed("12345678", "TQ720 Boot"));
+}
+
+TEST_F(Frame, SharedLevelSettingsClampAndLeaveEachOtherAlone) {
+    PlugAndOpen();
+    const auto Check = [&](TqStatus status, TqStatus expected, double level, int atten, int line = __builtin_LINE()) {
+        double storedLevel = NaN;
+        int storedAtten = 99;
+        EXPECT_EQ(status, expected) << "line " << line;
+        EXPECT_EQ(tqGetRefLevel(device, &storedLevel), tqNoError);
+        EXPECT_EQ(tqGetAttenuator(device, &storedAtten), tqNoError);
+        EXPECT_EQ(storedLevel, level) << "line " << line;
+        EXPECT_EQ(storedAtten, atten) << "line " << line;
+    };
+    Check(tqSetRefLevel(device, -200.0), OK, -200.0, -1);
+    Check(tqSetRefLevel(device, INF), CLAMPED, 20.0, -1);
+    Check(tqSetRefLevel(device, -INF), BAD_ARG, 20.0, -1);
+    Check(tqSetAttenuator(device, 6), OK, 20.0, 6);
+    Check(tqSetAttenuator(device, -2), CLAMPED, 20.0, -1);
+    Check(tqSetAttenuator(device, 7), CLAMPED, 20.0, 6);
+    Check(tqSetRefLevel(device, 20.0), OK, 20.0, 6);
+}
+
+TEST_F(Frame, ListsWhatIsAttachedAndNotOpen) {
+    std::array<int, 3> serials{-1, -1, -1};
+    const auto List = [&](int room) {
+        int count = room;
+        EXPECT_EQ(tqGetDeviceList(serials.data(), &count), tqNoError);
+        return count;
+    };
+    EXPECT_EQ(List(3), 0);
+    EXPECT_EQ(tqOpenDevice(&device), tqDeviceNotFoundErr);
+    EXPECT_EQ(tqOpenDeviceBySerial(&device, SERIAL), tqDeviceNotFoundErr);
+    EXPECT_EQ(device, -1);
+
+    PlugKnown(1);
+    PlugKnown(2);
+    EXPECT_EQ(List(0), 0);
+    EXPECT_EQ(List(-1), -1);
+    EXPECT_EQ(serials[0], -1) << "no room, nothing written";
+    EXPECT_EQ(List(1), 1);
+    EXPECT_EQ(serials[1], -1);
+
+    const int first = serials[0];
+    ASSERT_EQ(tqOpenDevice(&device), tqNoError);
+    int serial = 0;
+    EXPECT_EQ(tqGetSerialNumber(device, &serial), tqNoError);
+    EXPECT_EQ(serial, first);
+    EXPECT_EQ(List(3), 1);
+    EXPECT_NE(serials[0], first);
+}
+
+TEST_F(Frame, NineInstrumentsAndThenTheFreedHandle) {
+    for (int serial = 1; serial <= 10; ++serial) PlugKnown(serial);
+    for (int serial = 1; serial <= 9; ++serial) EXPECT_EQ(Open(serial), serial - 1);
+    EXPECT_EQ(Open(10, tqMaxDevicesConnectedErr), -1);
+    EXPECT_EQ(tqCloseDevice(4), tqNoError);
+    EXPECT_EQ(tqCloseDevice(4), tqInvalidDeviceErr);
+    EXPECT_EQ(Open(10), 4);
+    int serial = 0;
+    EXPECT_EQ(tqGetSerialNumber(4, &serial), tqNoError);
+    EXPECT_EQ(serial, 10);
+}
+
+TEST_F(Frame, ABadRecordOpensWithAWarning) {
+    CalRecord record;
+    record.data->checksum = 1;  // must be 0 in this version of the record
+    PlugKnown(SERIAL, record);
+    uint32_t date = 0;
+    EXPECT_EQ(tqGetCalDate(Open(SERIAL, tqInvalidCalData), &date), tqNoError);
+    EXPECT_EQ(date, 1700000000u) << "the record is used all the same";
+}
+
+TEST_F(Frame, ReadingsGoFromTheInstrumentToTheCaller) {
+    sim::Instrument& instrument = PlugAndOpen();
+    float temperature = 0.0f, voltage = 0.0f, current = 0.0f;
+    EXPECT_EQ(tqGetDeviceDiagnostics(device, &voltage, &current, &temperature), tqNoError);
+    EXPECT_NEAR(temperature, 35.0f, 0.25f);
+    EXPECT_GT(voltage, 1.0f);
+    EXPECT_GT(current, 0.0f);
+    EXPECT_NE(voltage, current);
+
+    int major = 0, minor = 0, rev = 0;
+    EXPECT_EQ(tqGetFirmwareVersion(device, &major, &minor, &rev), tqNoError);
+    EXPECT_EQ(major, 0x0102);
+    EXPECT_EQ(minor, 0x0203);
+    EXPECT_EQ(rev, 0x0107);
+
+    float setPoint = 0.0f;
+    EXPECT_EQ(tqSetFanSetPoint(device, 30.5f), tqNoError);
+    EXPECT_EQ(tqSetFanSetPoint(device, std::numeric_limits<float>::infinity()), BAD_ARG);
+    EXPECT_EQ(instrument.State().fanSetPoint, 488);
+    EXPECT_EQ(tqGetFanSettings(device, &setPoint, nullptr), tqNoError);
+    EXPECT_EQ(setPoint, 30.5f);
+
+    instrument.SetGps(sim::GpsState::locked);
+    instrument.AdvanceTime(std::chrono::seconds(3));
+    TqBool updated = tqFalse;
+    TqGPSState state = tqGPSStateNotPresent;
+    int64_t seconds = 0;
+    double latitude = 0.0, longitude = 0.0, altitude = 0.0;
+    std::array<char, 400> text{};
+    int length = static_cast<int>(text.size());
+    EXPECT_EQ(tqGetGPSInfo(device, tqTrue, &updated, &seconds, &latitude, &longitude, &altitude, text.data(), &length),
+              tqNoError);
+    EXPECT_EQ(updated, tqTrue);
+    EXPECT_GT(seconds, 0);
+    EXPECT_NEAR(latitude, 48.1173, 1e-6);
+    EXPECT_NEAR(longitude, 11.516667, 1e-6);
+    EXPECT_EQ(altitude, 545.4);
+    EXPECT_NE(std::string(text.data()).find("RMC"), std::string::npos);
+    EXPECT_EQ(static_cast<size_t>(length), std::string(text.data()).size() + 1);
+    EXPECT_EQ(tqGetGPSState(device, &state), tqNoError);
+    EXPECT_EQ(state, tqGPSStateLocked);
+    EXPECT_EQ(tqGetGPSInfo(device, tqFalse, &updated, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), tqNoError);
+    EXPECT_EQ(updated, tqFalse) << "without a refresh nothing new has come";
+}
+
+}  // namespace
