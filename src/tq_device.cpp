@@ -2,7 +2,9 @@
 
 #include "device_interface.h"
 #include "dsp.h"
+#include "engine_sweep.h"
 #include "ipps.h"
+#include "sweep_plan.h"
 #include "tq_assert.h"
 #include "tq_command.h"
 #include "tq_lib.h"
@@ -129,12 +131,46 @@ TqStatus TqDevice::Configure(TqMode mode) {
     status = UpdateDeviceTimebase();
     if (status != tqNoError) return status;
 
-    static_cast<void>(mode);  // no mode has a planner yet
-    return tqInvalidParameterErr;
+    status = tqInvalidParameterErr;
+    if (mode == tqModeSweeping && sweepSettings.Span() >= NARROW_SWEEP_MAX_SPAN) status = ConfigureModeSweep();
+    if (status >= tqNoError) currentMode = mode;
+    return status;
+}
+
+// Plans the wide sweep and starts its engine, which copies all that it is given.
+TqStatus TqDevice::ConfigureModeSweep() {
+    try {
+        std::vector<GPIOSweepStep> bytesOnTheWay;
+        if (gpioFunction == TqGPIOFunctionUARTSweep) bytesOnTheWay = gpioSweepSteps;
+
+        SweepPlan plan;
+        const TqStatus status = PlanSweepWide(sweepSettings, rfConfig, bytesOnTheWay, corrections, deviceConfig, plan);
+        if (status < tqNoError) return status;
+
+        // Full scale results carry no correction at all, so the curve stays empty for them.
+        std::vector<float> curve;
+        if (sweepSettings.scale != tqScaleFullScale) {
+            curve = corrections.GetLowFreqAmplitudeCorrections(sweepSettings.firstBinFreq, sweepSettings.binSize,
+                                                               sweepSettings.sweepSize);
+        }
+        if (sweepSettings.scale == tqScaleLin && !curve.empty()) {
+            DSP::DBCalToLin_32f(curve.data(), static_cast<int>(curve.size()));
+        }
+
+        engineSweep = std::make_unique<EngineSweep>(this, *usb, sweepSettings, plan.setup, plan.commands);
+        lowFreqCurve = std::move(curve);
+        lowFreqCurveLog = sweepSettings.scale == tqScaleLog;
+        return status;
+    } catch (const std::exception&) {  // std::bad_alloc, or std::system_error from a thread that could not start
+        return tqAllocationErr;
+    }
 }
 
 // An engine's destructor stops and joins its threads, so that the instrument is quiet afterwards.
-void TqDevice::DestroyEngines() { currentMode = tqModeIdle; }
+void TqDevice::DestroyEngines() {
+    engineSweep.reset();
+    currentMode = tqModeIdle;
+}
 
 void TqDevice::ClearLowFreqCurve() {
     lowFreqCurve.clear();
@@ -664,4 +700,20 @@ TqStatus TqDevice::GetIQParameters(double* sampleRate, double* bandwidth) const 
     return tqNoError;
 }
 
-TqStatus TqDevice::GetSweep(float*, float*, int64_t*) { return tqInvalidConfigurationErr; }
+TqStatus TqDevice::GetSweep(float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch) {
+    if (engineSweep == nullptr) return tqInvalidConfigurationErr;
+    engineSweep->StartSweep();
+    const TqStatus status = engineSweep->FinishSweep(sweepMin, sweepMax, nsSinceEpoch);
+
+    // The engine delivers whatever its status is, so the curve goes on in any case. It covers the first bins only.
+    const int length = static_cast<int>(lowFreqCurve.size());
+    for (float* const row : {sweepMin, sweepMax}) {
+        if (row == nullptr || length == 0) continue;
+        if (lowFreqCurveLog) {
+            ippsAdd_32f(row, lowFreqCurve.data(), row, length);
+        } else {
+            ippsMul_32f(row, lowFreqCurve.data(), row, length);
+        }
+    }
+    return status;
+}

@@ -19,6 +19,7 @@
 #include "vk_critical_section.h"
 
 class DeviceInterface;
+class EngineSweep;
 class TqCommand;
 
 // The service capture of the whole converter band: a mode for the mode machine, unknown to applications.
@@ -217,6 +218,7 @@ public:
     AuxReaderGPS readerGPS;
 
 private:
+    TqStatus ConfigureModeSweep();
     void DestroyEngines();
     TqIQSweepListStep* SweepListStep(int step);
     void ClearLowFreqCurve();
@@ -229,4 +231,6 @@ private:
     mutable CriticalSection auxLock;
     TqVersionInfo verInfo TQ_GUARDED_BY(auxLock);
     TqGPSCal gpsCal TQ_GUARDED_BY(auxLock);  // the GPS timebase value last stored or read
+
+    std::unique_ptr<EngineSweep> engineSweep;
 };

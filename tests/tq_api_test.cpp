@@ -295,6 +295,43 @@ TEST_F(Frame, ABadRecordOpensWithAWarning) {
     EXPECT_EQ(date, 1700000000u) << "the record is used all the same";
 }
 
+TEST_F(Frame, ModesStartStopAndFailIntoIdle) {
+    PlugAndOpen();
+    EXPECT_EQ(Mode(), tqModeIdle);
+    EXPECT_EQ(tqAbort(device), tqNoError);
+
+    EXPECT_EQ(tqSetSweepCenterSpan(device, 1e9, 5e6), tqNoError);
+    EXPECT_EQ(tqConfigure(device, tqModeSweeping), tqNoError) << "exactly the narrowest wide sweep";
+    EXPECT_EQ(Mode(), tqModeSweeping);
+    double rbw = 0.0, vbw = 0.0, start = 0.0, binSize = 0.0;
+    int size = 0;
+    EXPECT_EQ(tqGetSweepParameters(device, &rbw, &vbw, &start, &binSize, &size), tqNoError);
+    EXPECT_NEAR(rbw, 30000.0, 10.0);
+    EXPECT_EQ(vbw, 30000.0);
+    EXPECT_EQ(start, 1e9 - 2.5e6);
+    EXPECT_EQ(binSize, 7500.0);
+    EXPECT_EQ(size, 668);
+
+    // A wrong value stops nothing; modes without an engine, idle and narrow spans do.
+    EXPECT_EQ(tqConfigure(device, Wild{99}), BAD_ARG);
+    EXPECT_EQ(Mode(), tqModeSweeping);
+    for (const int mode : {int{tqModeIdle}, int{tqModeRealTime}, int{tqModeIQStreaming}, int{tqModeIQSweepList},
+                           int{tqModeAudio}, tqModeIQFullBand}) {
+        EXPECT_EQ(tqConfigure(device, tqModeSweeping), tqNoError);
+        EXPECT_EQ(tqConfigure(device, Wild{mode}), BAD_ARG) << mode;
+        EXPECT_EQ(Mode(), tqModeIdle) << mode;
+        EXPECT_EQ(tqGetSweep(device, nullptr, nullptr, nullptr), NOT_NOW) << mode;
+    }
+    EXPECT_EQ(tqSetSweepCenterSpan(device, 1e9, 4999999.0), tqNoError);
+    EXPECT_EQ(tqConfigure(device, tqModeSweeping), BAD_ARG);
+
+    // An RBW that no memory holds.
+    EXPECT_EQ(tqSetSweepCenterSpan(device, 1e9, 5e6), tqNoError);
+    EXPECT_EQ(tqSetSweepCoupling(device, 1e-3, 1e-3, 1.0), tqNoError);
+    EXPECT_EQ(tqConfigure(device, tqModeSweeping), tqAllocationErr);
+    EXPECT_EQ(Mode(), tqModeIdle);
+}
+
 TEST_F(Frame, ReadingsGoFromTheInstrumentToTheCaller) {
     sim::Instrument& instrument = PlugAndOpen();
     float temperature = 0.0f, voltage = 0.0f, current = 0.0f;

@@ -252,6 +252,90 @@ TEST_F(Device, UARTRatesBecomeDividers) {
     EXPECT_FLOAT_EQ(rate, 9600.375f);
 }
 
+TEST_F(Device, AuxDataIsFetchedAtAnOpenGateAndAtMostOnceASecond) {
+    const auto device = BringUp();
+    TqGPSState state;
+    TqGPSInfo info;
+    struct Row {
+        const char* name;
+        std::function<TqStatus()> call;
+        bool whenStale;
+        bool whenFresh;
+    };
+    const Row ROWS[] = {
+        {"diagnostics", [&] { return device->GetDeviceDiagnostics(nullptr, nullptr, nullptr); }, true, false},
+        {"GPS state", [&] { return device->GetGPSState(state); }, true, false},
+        {"fan", [&] { return device->GetFanSettings(nullptr, nullptr); }, true, true},
+        {"fix", [&] { return device->GetGPSInfo(tqFalse, nullptr, info, nullptr, nullptr); }, false, false},
+        {"new fix", [&] { return device->GetGPSInfo(tqTrue, nullptr, info, nullptr, nullptr); }, true, true},
+    };
+    for (const Row& row : ROWS) {
+        SCOPED_TRACE(row.name);
+        device->lastAuxUpdate = GetSystemTicks() - 1001;
+        for (const TqMode mode : {tqModeRealTime, tqModeIQStreaming, tqModeAudio}) {
+            device->currentMode = mode;
+            EXPECT_EQ(row.call(), tqNoError);
+        }
+        EXPECT_EQ(TakeWords(), Words{}) << "closed gate";
+        device->currentMode = tqModeIdle;
+        EXPECT_EQ(row.call(), tqNoError);
+        EXPECT_EQ(TakeWords(), row.whenStale ? AUX_FETCH : Words{}) << "stale";
+        device->lastAuxUpdate = GetSystemTicks();
+        EXPECT_EQ(row.call(), tqNoError);
+        EXPECT_EQ(TakeWords(), row.whenFresh ? AUX_FETCH : Words{}) << "fresh";
+    }
+
+    // Each Configure writes the timebase; only a stale packet is fetched anew before that.
+    Words expected = {0x2E007921};
+    EXPECT_EQ(device->Configure(tqModeSweeping), tqNoError);
+    EXPECT_EQ(TakeWords(), expected);
+    device->lastAuxUpdate = GetSystemTicks() - 1001;
+    EXPECT_EQ(device->Configure(tqModeSweeping), tqNoError);
+    expected.insert(expected.begin(), AUX_FETCH.begin(), AUX_FETCH.end());
+    EXPECT_EQ(TakeWords(), expected);
+}
+
+TEST_F(Device, APacketWithoutMagicChangesNothingButTheFlag) {
+    const auto device = BringUp();
+    instrument->SetTemperature(50.0);
+    instrument->faults().WrongAuxMagicAt(0);
+    device->lastAuxUpdate = 1;
+    float temperature = 0.0f;
+    EXPECT_EQ(device->GetDeviceDiagnostics(nullptr, nullptr, &temperature), tqNoError);
+    EXPECT_TRUE(device->HasFramingIssues());
+    EXPECT_NEAR(temperature, 35.0f, 0.25f);
+    EXPECT_EQ(device->lastAuxUpdate, 1u) << "so the next call fetches again";
+
+    EXPECT_EQ(device->GetDeviceDiagnostics(nullptr, nullptr, &temperature), tqNoError);
+    EXPECT_FALSE(device->HasFramingIssues());
+    EXPECT_NEAR(temperature, 50.0f, 0.25f);
+    device->UpdateAuxData(nullptr);
+
+    // Corrections stay with the temperature of the last Configure, and warnings count from it.
+    EXPECT_NE(device->corrections.GetCurrentTemp(), 50.0f);
+    EXPECT_TRUE(device->readerStatus.TempWarning());
+    EXPECT_EQ(device->Configure(tqModeSweeping), tqNoError);
+    EXPECT_NEAR(device->corrections.GetCurrentTemp(), 50.0f, 0.25f);
+    EXPECT_FALSE(device->readerStatus.TempWarning());
+}
+
+TEST_F(Device, ALostConnectionSticksAndStoresAllTheSame) {
+    const auto device = BringUp();
+    bus.Unplug(*instrument);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(device->UpdateAuxData(), tqConnectionLostErr);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Aux data xfer failed\n");
+    float temperature = 0.0f;
+    EXPECT_EQ(device->GetDeviceDiagnostics(nullptr, nullptr, &temperature), tqConnectionLostErr);
+    EXPECT_NEAR(temperature, 35.0f, 0.25f) << "as last known";
+    EXPECT_EQ(device->SetReference(tqReferenceUseExternal), tqConnectionLostErr);
+    EXPECT_EQ(device->referenceState, tqReferenceUseExternal);
+    EXPECT_EQ(device->SetPowerState(tqPowerStateStandby), tqConnectionLostErr);
+    EXPECT_EQ(device->powerState, tqPowerStateStandby);
+    EXPECT_EQ(device->Configure(tqModeSweeping), tqConnectionLostErr);
+    EXPECT_TRUE(device->IsIdle());
+}
+
 TEST_F(Device, FollowsTheTimebaseThatGPSSteersBeyondSevenTicks) {
     const CalRecord record;
     const auto device = Unattached(&record);
@@ -353,6 +437,37 @@ TEST_F(Device, AuxPacketsMayArriveWhileTheClientReads) {
         EXPECT_EQ(device->GetCoarseTuneVal(&seen), tqNoError);
     }
     engine.join();
+}
+
+// A sweep from below the curve's first point to above its last, taken with the curve and without it, differs by the
+// curve alone. Settings that are made meanwhile touch neither.
+TEST_F(Device, TheLowFrequencyCurveGoesOntoTheBinsBelowItsEnd) {
+    const auto device = BringUp();
+    for (const TqScale scale : {tqScaleLog, tqScaleLin, tqScaleFullScale}) {
+        SCOPED_TRACE(scale);
+        ASSERT_EQ(device->SetSweepStartStop(1e6, 12e6), tqNoError);
+        ASSERT_EQ(device->SetSweepScale(scale), tqNoError);
+        ASSERT_EQ(device->Configure(tqModeSweeping), tqNoError);
+        TqSweepSettings plan;
+        ASSERT_EQ(device->GetSweepSettings(plan), tqNoError);
+        ASSERT_EQ(device->SetSweepStartStop(2e9, 14e9), tqNoError);
+        ASSERT_EQ(device->SetSweepScale(scale == tqScaleLin ? tqScaleLog : tqScaleLin), tqNoError);
+
+        std::vector<float> withCurve(static_cast<size_t>(plan.sweepSize));
+        std::vector<float> maxOnly = withCurve, without = withCurve;
+        ASSERT_EQ(device->GetSweep(withCurve.data(), nullptr, nullptr), tqNoError);
+        ASSERT_EQ(device->GetSweep(nullptr, maxOnly.data(), nullptr), tqNoError);
+        device->lowFreqCurve.clear();
+        ASSERT_EQ(device->GetSweep(without.data(), nullptr, nullptr), tqNoError);
+        EXPECT_EQ(withCurve, maxOnly) << "averaged, both rows are one";
+
+        for (const auto& [freq, dB] : {std::pair{1.5e6, -0.85}, {3.95e6, -0.5}, {7.2e6, -0.1}, {9e6, 0.0}}) {
+            const auto bin = static_cast<size_t>((freq - plan.firstBinFreq) / plan.binSize + 0.5);
+            const double with = double{withCurve[bin]}, raw = double{without[bin]};
+            const double change = scale == tqScaleLin ? 20.0 * std::log10(with / raw) : with - raw;
+            EXPECT_NEAR(change, scale == tqScaleFullScale ? 0.0 : dB, 2e-3) << freq;
+        }
+    }
 }
 
 }  // namespace

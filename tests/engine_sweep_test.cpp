@@ -1,0 +1,341 @@
+// EngineSweep on a scripted device: every packet differs from all others, so that a sample, row or bin in the wrong
+// place shows as a plain inequality. Whole instruments are the matter of sweep_test.
+#include "engine_sweep.h"
+
+#include "bus_fixture.h"
+#include "dsp.h"
+#include "tq_device.h"
+#include "usb_gadget.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int SERIAL = 12345678;
+constexpr std::size_t PACKET_BYTES = 8192;
+constexpr float POISON = 1e30f;
+constexpr uint32_t GOOD_MAGIC = 0x41555831;
+constexpr uint32_t ADC_OVERFLOW = 0x100;
+constexpr uint32_t DATA_LOSS = 0x200;
+
+// The I/Q packet with this number since the device was made.
+void RenderPacket(int64_t packet, uint8_t* dst) {
+    constexpr std::size_t TABLE = 1 << 16;
+    static const std::vector<uint8_t> noise = [] {
+        std::mt19937 generator(20);
+        std::vector<uint8_t> bytes(TABLE + PACKET_BYTES);
+        for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(generator());
+        return bytes;
+    }();
+    std::memcpy(dst, noise.data() + static_cast<std::size_t>(packet) * 812 % TABLE, PACKET_BYTES);
+    std::memcpy(dst, &packet, sizeof(packet));
+}
+
+AuxData Aux(uint32_t magic, uint32_t flags) {
+    AuxData aux = {};
+    aux.magicNumber = magic;
+    aux.statusFlags = flags;
+    return aux;
+}
+
+// Answers fetch words and understands nothing else.
+class ScriptedDevice : public UsbGadget {
+public:
+    ScriptedDevice() : UsbGadget(UsbGadget::Identity(std::to_string(SERIAL))) {}
+
+    int BulkOut(std::uint8_t, std::span<const std::uint8_t> data) override {
+        for (std::size_t at = 0; at < data.size(); at += 4) {
+            if (data[at + 3] == 0x31) stream.insert(stream.end(), {Fetch{data[at], data[at + 1] & 7}});
+        }
+        return static_cast<int>(data.size());
+    }
+
+    sim::BulkInResult BulkIn(std::uint8_t, std::span<std::uint8_t> dst) override {
+        std::size_t ready = 0;
+        for (const Fetch& fetch : stream) ready += static_cast<std::size_t>(fetch.iq + fetch.aux) * PACKET_BYTES;
+        if (ready < dst.size()) return {};
+        for (std::size_t at = 0; at < dst.size(); at += PACKET_BYTES) {
+            while (stream.front().iq + stream.front().aux == 0) stream.pop_front();
+            if (stream.front().iq > 0) {
+                stream.front().iq--;
+                render(iqPackets++, dst.data() + at);
+            } else {
+                stream.front().aux--;
+                std::memcpy(dst.data() + at, &aux[auxPackets++ % aux.size()], PACKET_BYTES);
+            }
+        }
+        return Done(dst);
+    }
+
+    // Set before any traffic.
+    std::function<void(int64_t, uint8_t*)> render = RenderPacket;
+    std::vector<AuxData> aux = {Aux(GOOD_MAGIC, 0)};  // what aux packets read, in turn, over and over
+
+private:
+    struct Fetch {
+        int iq;
+        int aux;
+    };
+    std::deque<Fetch> stream;
+    int64_t iqPackets = 0;
+    std::size_t auxPackets = 0;
+};
+
+struct Plan {
+    TqSweepSettings settings;
+    SweepSetup setup;
+    TqCommand cmds;
+};
+
+Plan MakePlan(int numSteps, int pktPerStep, TqScale scale = tqScaleLog) {
+    Plan plan;
+    plan.settings.scale = scale;
+    plan.settings.detector = tqDetectorMinMax;
+    plan.settings.window = tqWindowHamming;
+    SweepSetup& setup = plan.setup;
+    setup.fftSize = 64;
+    setup.bestFFTSize = 50;
+    setup.zeroPadAmount = 14;
+    setup.numSteps = numSteps;
+    setup.pktPerStep = pktPerStep;
+    setup.iirFc = 0.5;
+    setup.fftsPerStep = (pktPerStep * SAMPLES_PER_PACKET - setup.bestFFTSize) / (setup.fftSize / 4) + 1;
+    setup.firstStepOffset = 3;
+
+    for (int step = 0; step < numSteps; step++) {
+        PatchSetup patch = {};
+        patch.coarseCorrection = 7.0f - 0.25f * static_cast<float>(step % 50);
+        patch.validOffset = 4 + step % 3;
+        patch.validCount = 40 + step % 11;
+        patch.flip = step % 4 == 0;
+        setup.stepInfo.push_back(patch);
+
+        plan.cmds.StartNewCommand();
+        plan.cmds.AddStartIQ(1);
+        int left = pktPerStep;
+        for (; left > MAX_FETCH_IQ_PKTS; left -= MAX_FETCH_IQ_PKTS) {
+            plan.cmds.AddFetchIQ(MAX_FETCH_IQ_PKTS, 0);
+            plan.cmds.StartNewCommand();
+        }
+        plan.cmds.AddFetchIQ(static_cast<uint32_t>(left), 0);
+        plan.cmds.AddStopIQ();
+    }
+    plan.cmds.AddFetchAux(4 - setup.Num8kPkts() % 4);
+    plan.settings.sweepSize = static_cast<int>(CompactedBins(setup)) - setup.firstStepOffset;
+    return plan;
+}
+
+struct Sweep {
+    std::vector<float> min;
+    std::vector<float> max;
+    bool operator==(const Sweep&) const = default;
+};
+
+// What the sweep that begins with I/Q packet `firstPacket` has to read.
+Sweep Expected(const Plan& plan, int64_t firstPacket) {
+    const SweepSetup& setup = plan.setup;
+    SweepProcessor processor(plan.settings, setup);
+    std::vector<Ipp16sc> wire(static_cast<std::size_t>(setup.pktPerStep) * SAMPLES_PER_PACKET);
+    std::vector<Ipp32fc> samples(wire.size());
+    std::vector<float> rowMin(64), rowMax(64);
+    Sweep joined;
+    for (const PatchSetup& patch : setup.stepInfo) {
+        for (std::size_t at = 0; at < wire.size(); at += SAMPLES_PER_PACKET) {
+            RenderPacket(firstPacket++, reinterpret_cast<uint8_t*>(&wire[at]));
+        }
+        DSP::Convert_16sc32fc(wire.data(), samples.data(), static_cast<int>(wire.size()));
+        processor.ProcessInput(samples.data(), rowMin.data(), rowMax.data());
+        for (std::vector<float>* row : {&rowMin, &rowMax}) {
+            if (patch.flip) std::reverse(row->begin(), row->end());
+            std::vector<float>& all = row == &rowMin ? joined.min : joined.max;
+            for (int k = 0; k < patch.validCount; k++) {
+                const float value = (*row)[static_cast<std::size_t>(patch.validOffset + k)];
+                const auto factor = static_cast<float>(std::pow(10.0, patch.coarseCorrection / 20.0));
+                all.push_back(plan.settings.scale == tqScaleLog   ? value + patch.coarseCorrection
+                              : plan.settings.scale == tqScaleLin ? value * factor
+                                                                  : value);
+            }
+        }
+    }
+    for (std::vector<float>* all : {&joined.min, &joined.max}) {
+        all->erase(all->begin(), all->begin() + setup.firstStepOffset);
+        all->resize(static_cast<std::size_t>(plan.settings.sweepSize), all->back());
+    }
+    return joined;
+}
+
+class EngineSweepTest : public BusFixture {
+protected:
+    void SetUp() override {
+        BusFixture::SetUp();
+        scripted = &Plug<ScriptedDevice>();
+        auto usb = std::make_unique<DeviceInterface>();
+        ASSERT_TRUE(usb->AllocateResources(GetUSBDeviceHandleBySerial(SERIAL)));
+        device = std::make_unique<TqDevice>(std::move(usb));
+    }
+    void TearDown() override {
+        device.reset();
+        BusFixture::TearDown();
+    }
+
+    std::unique_ptr<EngineSweep> MakeEngine(const Plan& plan) {
+        return std::make_unique<EngineSweep>(device.get(), *device->usb, plan.settings, plan.setup, plan.cmds);
+    }
+
+    // A whole sweep into poisoned buffers.
+    Sweep TakeSweep(EngineSweep& engine, const Plan& plan) {
+        const auto size = static_cast<std::size_t>(plan.settings.sweepSize);
+        Sweep sweep = {std::vector<float>(size + 1, POISON), std::vector<float>(size + 1, POISON)};
+        EXPECT_EQ(engine.StartSweep(), tqNoError);
+        EXPECT_EQ(engine.FinishSweep(sweep.min.data(), sweep.max.data(), nullptr), tqNoError);
+        for (std::vector<float>* row : {&sweep.min, &sweep.max}) {
+            EXPECT_EQ(row->back(), POISON) << "written past the last bin";
+            row->pop_back();
+        }
+        return sweep;
+    }
+
+    ScriptedDevice* scripted = nullptr;
+    std::unique_ptr<TqDevice> device;
+};
+
+TEST_F(EngineSweepTest, EverySampleReachesItsBin) {
+    struct Case {
+        int numSteps;
+        int pktPerStep;
+        TqScale scale;
+        int binsBeyond = 0;  // these repeat the last one
+    };
+    const Case cases[] = {
+        {1, 1, tqScaleLog},           // the only step is also the last
+        {3, 1, tqScaleFullScale, 1},  // one read for everything
+        {7, 3, tqScaleLin},           // commands that end amid a read
+        {31, 4, tqScaleLog},          // as many commands as slots, but one
+        {40, 1, tqScaleLin},          // more commands than slots before a read is full
+        {5, 300, tqScaleLog},         // two blocks for a step, many reads for a step
+        {129, 5, tqScaleFullScale},   // reads that straddle steps
+    };
+    int64_t packet = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.numSteps) + " steps of " + std::to_string(c.pktPerStep));
+        Plan plan = MakePlan(c.numSteps, c.pktPerStep, c.scale);
+        plan.settings.sweepSize += c.binsBeyond;
+        const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);
+        for (int sweep = 0; sweep < 3; sweep++) {
+            ASSERT_EQ(TakeSweep(*engine, plan), Expected(plan, packet));
+            packet += plan.setup.Num8kPkts();
+        }
+    }
+}
+
+// 2441 steps of one packet fill the ring: the 245th sweep of ten wraps in the middle of a read.
+TEST_F(EngineSweepTest, RingWrapsAmidARead) {
+    const Plan plan = MakePlan(10, 1);
+    ASSERT_EQ(SweepRingSamples(plan.setup), 2441 * SAMPLES_PER_PACKET);
+    const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);
+    for (int sweep = 0; sweep < 500; sweep++) {
+        ASSERT_EQ(TakeSweep(*engine, plan), Expected(plan, 10 * sweep)) << "sweep " << sweep;
+    }
+}
+
+// A ring of three steps, a sweep of five, and transforms, more at each try, until they take longer than the data: the
+// writer has to wait for the oldest step. All samples of a step have the step's own level, and a stretch that is
+// overwritten while it is read shows in the minimum or maximum.
+TEST_F(EngineSweepTest, FullRingWaitsForTheOldestStep) {
+    constexpr int FFT_SIZE = 65536;
+    constexpr int STEPS = 5;
+    constexpr int PKT_PER_STEP = 8300;
+    Plan plan = MakePlan(STEPS, PKT_PER_STEP, tqScaleFullScale);
+    plan.setup.fftSize = plan.setup.bestFFTSize = FFT_SIZE;
+    plan.setup.zeroPadAmount = 0;
+    plan.setup.iirFc = 1.0;
+    plan.setup.firstStepOffset = 0;
+    for (PatchSetup& patch : plan.setup.stepInfo) {
+        patch.validOffset = FFT_SIZE / 2;  // zero frequency alone
+        patch.validCount = 1;
+        patch.flip = false;
+    }
+    plan.settings.sweepSize = STEPS;
+    ASSERT_EQ(SweepRingSamples(plan.setup), int64_t{3} * PKT_PER_STEP * SAMPLES_PER_PACKET);
+    scripted->render = [](int64_t packet, uint8_t* dst) {
+        const auto level = static_cast<int16_t>(576 + 32768 / (2 << packet / PKT_PER_STEP % STEPS));
+        const std::vector<Ipp16sc> samples(SAMPLES_PER_PACKET, Ipp16sc{level, 576});
+        std::memcpy(dst, samples.data(), PACKET_BYTES);
+    };
+
+    TqStatus status = tqNoError;
+    for (const int transforms : {60, 250, 1000}) {
+        plan.setup.fftsPerStep = transforms;
+        const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);
+        std::vector<float> min(STEPS), max(STEPS);
+        ASSERT_EQ(engine->StartSweep(), tqNoError);
+        status = engine->FinishSweep(min.data(), max.data(), nullptr);
+        for (std::size_t step = 0; step < STEPS; step++) {
+            const double level = -6.0206 * static_cast<double>(step + 1);
+            EXPECT_NEAR(min[step], level, 1e-3) << step;
+            EXPECT_NEAR(max[step], level, 1e-3) << step;
+        }
+        if (status != tqNoError) break;
+    }
+    EXPECT_EQ(status, tqCPULimited);
+}
+
+TEST_F(EngineSweepTest, StartAndFinishKeepTheirOrder) {
+    const Plan plan = MakePlan(9, 2);
+    const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);
+    float untouched = 42.0f;
+    int64_t time = 43;
+    EXPECT_EQ(engine->FinishSweep(&untouched, &untouched, &time), tqNoError);
+    EXPECT_EQ(untouched, 42.0f);
+    EXPECT_EQ(time, 43);
+
+    EXPECT_EQ(engine->StartSweep(), tqNoError);
+    EXPECT_EQ(engine->StartSweep(), tqSweepAlreadyActiveErr);
+    EXPECT_EQ(engine->FinishSweep(nullptr, nullptr, nullptr), tqNoError);
+
+    // The refused start asked for nothing: this is the second sweep.
+    EXPECT_EQ(TakeSweep(*engine, plan), Expected(plan, plan.setup.Num8kPkts()));
+}
+
+TEST_F(EngineSweepTest, DestructionAmidASweepLeavesTheStreamAligned) {
+    const Plan plan = MakePlan(50, 3);
+    for (int sweep = 0; sweep < 5; sweep++) {
+        const std::unique_ptr<EngineSweep> abandoned = MakeEngine(plan);
+        EXPECT_EQ(abandoned->StartSweep(), tqNoError);
+    }
+    const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);
+    EXPECT_EQ(TakeSweep(*engine, plan), Expected(plan, 5 * plan.setup.Num8kPkts()));
+}
+
+TEST_F(EngineSweepTest, FirstAuxPacketGivesStatusAndTime) {
+    struct Case {
+        const char* name;
+        std::vector<AuxData> aux;
+        TqStatus expected;
+    };
+    const AuxData good = Aux(GOOD_MAGIC, 0), bad = Aux(0x31585541, DATA_LOSS), full = Aux(GOOD_MAGIC, ADC_OVERFLOW);
+    const Case cases[] = {
+        {"loss outranks overflow", {Aux(GOOD_MAGIC, ADC_OVERFLOW | DATA_LOSS), good, good, good}, tqUncalData},
+        {"flags of a foreign packet", {bad, good, good, good}, tqFramingErr},
+        {"others only fill up", {good, bad, full, bad}, tqNoError},
+    };
+    scripted->aux.clear();
+    for (const Case& c : cases) scripted->aux.insert(scripted->aux.end(), c.aux.begin(), c.aux.end());
+    const Plan plan = MakePlan(4, 1);  // four aux packets
+    const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);
+    for (const Case& c : cases) {
+        int64_t time = 0;
+        EXPECT_EQ(engine->StartSweep(), tqNoError);
+        EXPECT_EQ(engine->FinishSweep(nullptr, nullptr, &time), c.expected) << c.name;
+        EXPECT_EQ(time, device->readerGPS.GetLockedIQTime()) << c.name;
+        EXPECT_GT(time, 0);
+    }
+}
+
+}  // namespace
