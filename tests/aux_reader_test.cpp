@@ -4,45 +4,44 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
-#include <thread>
+#include <utility>
 
 namespace {
 
+constexpr int64_t LOWEST = std::numeric_limits<int64_t>::min();
+constexpr int64_t HIGHEST = std::numeric_limits<int64_t>::max();
 constexpr int64_t TICKS_PER_SECOND = 122880000;
 constexpr int64_t DELAY_DEC_1 = 1950;            // 2048 - 98
 constexpr int64_t FIX_NS = 1771418120000000000;  // 2026-02-18 12:35:20 UTC
 const std::string FIX = "$GPRMC,123519,A,4807.038,N,01131.000,E,022.4,084.4,180226,003.1,W*6A\r\n";
 const std::string ALTITUDE = "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n";
 
-uint32_t Low(int64_t counter) { return static_cast<uint32_t>(counter); }
-uint32_t High(int64_t counter) { return static_cast<uint32_t>(static_cast<uint64_t>(counter) >> 32); }
+// Puts a counter where the wire has it.
+void PutCounter(AuxData& aux, size_t offset, int64_t counter) {
+    std::memcpy(reinterpret_cast<char*>(&aux) + offset, &counter, sizeof counter);
+}
 
 std::unique_ptr<AuxData> Packet(int64_t iqCounter = 0, int64_t triggerCounter = 0) {
     auto aux = std::make_unique<AuxData>();
-    std::memset(aux.get(), 0, sizeof(AuxData));
-    aux->magicNumber = AUX_MAGIC_NUMBER;
-    aux->counterAtIQLow = Low(iqCounter);
-    aux->counterAtIQHigh = High(iqCounter);
-    aux->counterAtTriggerLow = Low(triggerCounter);
-    aux->counterAtTriggerHigh = High(triggerCounter);
+    aux->magicNumber = 0x41555831;
+    PutCounter(*aux, 16, triggerCounter);
+    PutCounter(*aux, 32, iqCounter);
     return aux;
 }
 
 // A packet behind PPS edge number `ppsCount`, at ppsCounter, with the text of the second before from word `firstWord`
-// of the ring on. The main counter stands at the I/Q counter.
+// of the ring on. The main counter stands at the I/Q counter, with something else in its top 12 bits.
 std::unique_ptr<AuxData> GpsPacket(int ppsCount, int64_t ppsCounter, int64_t iqCounter, std::string text,
                                    size_t firstWord = 0) {
     auto aux = Packet(iqCounter);
-    aux->mainCounterLow = Low(iqCounter);
-    aux->mainCounterHigh = High(iqCounter);
-    aux->counterAtPPSLow = Low(ppsCounter);
-    aux->counterAtPPSHigh = High(ppsCounter);
+    PutCounter(*aux, 8, iqCounter ^ int64_t{0x5A5} << 52);
+    PutCounter(*aux, 24, ppsCounter);
     text.resize((text.size() + 3) / 4 * 4, '$');
     for (size_t i = 0; i < text.size(); i++) {
         reinterpret_cast<char*>(aux->gpsData)[(firstWord * 4 + i) % 2048] = text[i];
@@ -80,91 +79,52 @@ std::string Rmc(const std::string& time, const std::string& position, const std:
     return "$GNRMC," + time + ",A," + position + ",0.0,0.0," + date + ",,,A*00\r\n";
 }
 
-TEST(AuxData, ReadsCountersAndPointersFromTheWire) {
-    std::array<uint8_t, sizeof(AuxData)> wire = {};
-    const uint8_t head[] = {0x31, 0x58, 0x55, 0x41};
-    std::memcpy(wire.data(), head, sizeof head);
-    for (size_t i = 8; i < 44; i++) wire[i] = static_cast<uint8_t>(0xA0 + i);
-    AuxData aux;
-    std::memcpy(&aux, wire.data(), sizeof aux);
-    EXPECT_EQ(aux.magicNumber, AUX_MAGIC_NUMBER);
-    EXPECT_EQ(aux.MainCounter(), 0x000EADACABAAA9A8u);  // 20 bits of the high word
-    EXPECT_EQ(aux.TriggerCounter(), 0xB7B6B5B4B3B2B1B0u);
-    EXPECT_EQ(aux.PPSCounter(), 0xBFBEBDBCBBBAB9B8u);
-    EXPECT_EQ(aux.IQCounter(), 0xC7C6C5C4C3C2C1C0u);
-    const AuxReaderGPS::GPSPPSReader pointers(0x0AB7F155);
-    EXPECT_EQ(pointers.WritePtr(), 0x155);
-    EXPECT_EQ(pointers.PPSCurrPtr(), 0x1F8);
-    EXPECT_EQ(pointers.PPSCount(), 1);
-    EXPECT_EQ(pointers.PPSPrevPtr(), 0xAB);
-}
-
 TEST(AuxReaderStatus, ScalesReadingsAndIgnoresForeignPackets) {
     auto aux = Packet();
     aux->tempSensors[0] = 0x0190;
     aux->switcherVoltage[0] = 900;
-    aux->switcherVoltage[1] = 1;
-    aux->current[0] = 1;
     aux->current[1] = 1500;
     aux->fanSettings[0] = 64;
     aux->fanSettings[1] = 800;
     aux->statusFlags = 0x701;
     AuxReaderStatus status;
-    EXPECT_EQ(status.FanThreshold(), 45.0f);
     status.Update(aux.get());
+    status.Update(std::make_unique<AuxData>().get());
     EXPECT_EQ(status.DeviceTemp(), 25.0f);
     EXPECT_FLOAT_EQ(status.DeviceVoltage(), 4.977f);
     EXPECT_FLOAT_EQ(status.DeviceCurrent(), 3.0f);
     EXPECT_EQ(status.FanVoltage(), 5.0f);
     EXPECT_EQ(status.FanThreshold(), 50.0f);
-    EXPECT_TRUE(status.ADCOverflow() && status.IQDataLoss() && status.GPSTBLocked());
-    EXPECT_FALSE(status.HasDitheringADC());
-
-    const auto foreign = std::make_unique<AuxData>(AuxData{});
-    status.Update(foreign.get());
-    EXPECT_EQ(status.DeviceTemp(), 25.0f);
     EXPECT_EQ(status.flags, 0x701u);
-}
 
-TEST(AuxReaderStatus, WarnsFromThreeWholeDegreesOn) {
-    AuxReaderStatus status;
-    status.deviceTemp = 40.0f;
     status.Reconfigure();
-    for (const auto& [drift, warns] :
-         {std::pair{0.0f, false}, {2.9f, false}, {3.0f, true}, {-2.9f, false}, {-3.2f, true}}) {
-        status.deviceTemp = 40.0f + drift;
+    for (const auto& [drift, warns] : {std::pair{2.9f, false}, {3.0f, true}, {-2.9f, false}, {-3.2f, true}}) {
+        status.deviceTemp = 25.0f + drift;
         EXPECT_EQ(status.TempWarning(), warns) << drift;
     }
-    status.Reconfigure();
-    EXPECT_FALSE(status.TempWarning());
 }
 
 TEST(AuxReaderTrigger, ReportsANewTriggerOnceAndFromTheSamplesThatCameWithIt) {
+    constexpr int64_t DELAY_DEC_2 = 3920;
     AuxReaderTrigger reader;
-    reader.Configure(1);
+    reader.Configure(2);
     reader.Reset();
-    struct Case {
-        int64_t iq;
-        int64_t trigger;
-        bool reported;
-    };
-    constexpr Case CASES[] = {{100000, 5000, false},
-                              {200000, 70000, false},
-                              {300000, 70000, false},
-                              {400000, 350000, true},
-                              {500000, 350000, false}};
-    for (const Case& c : CASES) {
-        reader.Update(Packet(c.iq, c.trigger).get());
-        EXPECT_EQ(reader.HasExtTrigger(), c.reported) << c.iq;
+    // The second packet brings the trigger that everything is compared with.
+    const std::pair<int64_t, bool> TRIGGERS[] = {
+        {5000, false}, {70000, false}, {70000, false}, {350000, true}, {350000, false}};
+    int64_t iqCounter = 0;
+    for (const auto& [trigger, reported] : TRIGGERS) {
+        reader.Update(Packet(iqCounter += 100000, trigger).get());
+        EXPECT_EQ(reader.HasExtTrigger(), reported) << iqCounter;
     }
-    EXPECT_EQ(reader.ExtTrigger(), 350000 - (300000 + DELAY_DEC_1));
+    EXPECT_EQ(reader.ExtTrigger(), 350000 - (300000 + DELAY_DEC_2));
 
     auto foreign = Packet(600000, 550000);
     foreign->magicNumber++;
     reader.Update(foreign.get());
     EXPECT_FALSE(reader.HasExtTrigger());
     reader.Update(Packet(600000, 450000).get());
-    EXPECT_EQ(reader.ExtTrigger(), 450000 - (500000 + DELAY_DEC_1));  // before those samples: negative
+    EXPECT_EQ(reader.ExtTrigger(), 450000 - (500000 + DELAY_DEC_2));  // before those samples: negative
 
     reader.Reset();
     reader.Update(Packet(700000, 650000).get());
@@ -172,17 +132,7 @@ TEST(AuxReaderTrigger, ReportsANewTriggerOnceAndFromTheSamplesThatCameWithIt) {
     EXPECT_FALSE(reader.HasExtTrigger());
 }
 
-TEST(AuxReaderTrigger, DelayGrowsWithTheDecimation) {
-    AuxReaderTrigger reader;
-    for (const auto& [decimation, delay] : {std::pair{1, 1950}, {2, 3920}, {4, 7880}}) {
-        reader.Configure(decimation);
-        EXPECT_EQ(reader.iqCounterDelay, delay);
-    }
-}
-
 TEST(AuxReaderTrigger, CountersAtTheirEndsWrap) {
-    constexpr int64_t LOWEST = std::numeric_limits<int64_t>::min();
-    constexpr int64_t HIGHEST = std::numeric_limits<int64_t>::max();
     AuxReaderTrigger reader;
     reader.Configure(4);
     reader.Update(Packet(HIGHEST, 0).get());
@@ -195,7 +145,6 @@ TEST(AuxReaderGPS, TakesFixAndTimeFromTheText) {
     GpsReader gps;
     gps.Feed("36,M,,*4C\r\n" + FIX + ALTITUDE);
     EXPECT_TRUE(gps.reader.IsGPSDataValid());
-    EXPECT_FALSE(gps.reader.IsGPSDataValidAndDisciplined());
     const TqGPSInfo fix = gps.Fix();
     EXPECT_NEAR(fix.latitude, 48.1173, 1e-9);
     EXPECT_NEAR(fix.longitude, 11.0 + 31.0 / 60.0, 1e-9);
@@ -207,50 +156,32 @@ TEST(AuxReaderGPS, TakesFixAndTimeFromTheText) {
     EXPECT_NEAR(gps.Fix().longitude, -(11.0 + 31.0 / 60.0), 1e-9);
     EXPECT_EQ(gps.Fix().altitude, 0.0);  // of this second's text, which had none
 
-    auto steered = GpsPacket(gps.edges % 4, 1000, 1000, FIX);
-    steered->statusFlags = 0x400;
-    gps.reader.Update(steered.get());
-    EXPECT_TRUE(gps.reader.IsGPSDataValidAndDisciplined());
-
-    gps.edges++;
     gps.Feed("$GPRMC,123521,V,,,,,,,180226,,,N*53\r\n");
     EXPECT_FALSE(gps.reader.IsGPSDataValid());
     EXPECT_EQ(gps.Fix().latitude, 0.0);
-    EXPECT_EQ(gps.Fix().secSinceEpoch, 0);
-    EXPECT_NE(gps.Text().find("123521,V"), std::string::npos);
 }
 
 // What can be read replaces the fix of before; what cannot leaves it.
 TEST(AuxReaderGPS, UnreadableFieldsLeaveTheFix) {
     const std::string good = "4807.038,N,01131.000,E";
     const std::string longLine = "$GPRMC,000000,V," + std::string(499, 'x') + "\r\n";  // 512 from the tag on
-    struct Case {
+    const struct {
         const char* name;
         std::string text;
         double latitude;
         int64_t seconds;
-    };
-    const Case CASES[] = {
-        {"other position", Rmc("123519", "1030.000,N,00000.000,E", "180226"), 10.5, 1771418120},
+    } CASES[] = {
         {"no degrees", Rmc("123519", "7.038,N,01131.000,E", "180226"), 48.1173, 1771418120},
-        {"two digits", Rmc("123519", "07.038,N,01131.000,E", "180226"), 48.1173, 1771418120},
-        {"no point", Rmc("123519", "4807,N,01131.000,E", "180226"), 48.1173, 1771418120},
         {"16 degree digits", Rmc("123519", "123456789012345607.0,N,01131.000,E", "180226"), 48.1173, 1771418120},
-        {"words", Rmc("123519", "abcd.efg,N,01131.000,E", "180226"), 48.1173, 1771418120},
         {"infinite", Rmc("123519", "10inf.0,N,01131.000,E", "180226"), 48.1173, 1771418120},
         {"empty hemisphere", Rmc("123519", "4807.038,,01131.000,E", "180226"), -48.1173, 1771418120},
-        {"long hemisphere", Rmc("123519", "4807.038,NN,01131.000,E", "180226"), -48.1173, 1771418120},
-        {"no time", Rmc("", good, "180226"), 48.1173, 1771418120},
         {"short time", Rmc("1235", good, "180226"), 48.1173, 1771418120},
-        {"short date", Rmc("123519", good, "1802"), 48.1173, 1771418120},
         {"fraction of a second", Rmc("123520.00", good, "180226"), 48.1173, 1771418121},
         {"last of the century", Rmc("235959", good, "311299"), 48.1173, 4102444800},
         {"no line end", "$GPRMC,000000,V,,,,,,,,,,", 48.1173, 1771418120},
         {"line too long", longLine, 48.1173, 1771418120},
-        {"no sentence", "$GPGSV,1,1,01\r\n", 48.1173, 1771418120},
-        {"two bytes", "RM", 48.1173, 1771418120},
     };
-    for (const Case& c : CASES) {
+    for (const auto& c : CASES) {
         GpsReader gps;
         gps.Feed(FIX);
         gps.Feed(c.text);
@@ -258,48 +189,36 @@ TEST(AuxReaderGPS, UnreadableFieldsLeaveTheFix) {
         EXPECT_NEAR(gps.Fix().latitude, c.latitude, 1e-9) << c.name;
         EXPECT_EQ(gps.Fix().secSinceEpoch, c.seconds) << c.name;
     }
-}
-
-TEST(AuxReaderGPS, LongestLineIsStillRead) {
     GpsReader gps;
     gps.Feed(FIX);
-    gps.Feed("$GPRMC,000000,V," + std::string(498, 'x') + "\r\n");  // 511 from the tag on
+    gps.Feed("$GPRMC,000000,V," + std::string(498, 'x') + "\r\n");  // 511 from the tag on: still a line
     EXPECT_FALSE(gps.reader.IsGPSDataValid());
 }
 
 TEST(AuxReaderGPS, AltitudeIsThisSentencesOrZero) {
-    const std::pair<const char*, double> CASES[] = {
+    const std::pair<std::string, double> CASES[] = {
         {"$GPGGA,1,2,N,3,E,1,08,0.9,-12.5,M,46.9,M,,*47\r\n", -12.5},
         {"$GPGGA,1,2,N,3,E,1,08,0.9\r\n", 0.0},  // ends in front of the altitude
-        {"$GPGGA,1,2,N,3,E,1,08,0.9,,M\r\n", 0.0},
-        {"$GPGGA,1,2,N,3,E,1,08,0.9,high,M\r\n", 0.0},
         {"$GPGGA,1,2,N,3,E,1,08,0.9,1e999,M\r\n", 0.0},
         {"$GPGGA,1,2,N,3,E,1,08,0.9,nan,M\r\n", 0.0},
-        {"$GPGGA,1,2,N", 0.0},
         {"", 0.0},
+        {"$GPGGA," + std::string(600, '1') + "\r\n", 545.4},  // not NMEA: changes nothing
     };
     for (const auto& [text, altitude] : CASES) {
         GpsReader gps;
         gps.Feed(ALTITUDE);
-        ASSERT_EQ(gps.Fix().altitude, 545.4);
         gps.Feed(text);
         EXPECT_EQ(gps.Fix().altitude, altitude) << text;
     }
-    GpsReader gps;
-    gps.Feed(ALTITUDE);
-    gps.Feed("$GPGGA," + std::string(600, '1') + "\r\n");  // not NMEA: changes nothing
-    EXPECT_EQ(gps.Fix().altitude, 545.4);
 }
 
 TEST(AuxReaderGPS, NoTextIsTooWild) {
     std::string wild;
     for (int i = 0; i < 2044; i++) wild += static_cast<char>(i * 7 + i / 256);
-    const std::string dates[] = {"-9-9-9", "999999", "abcdef", "      ", "1 2 3", "\xff\xff\xff\xff\xff\xff"};
-    for (const std::string& date : dates) {
+    for (const std::string date : {"-9-9-9", "999999", "abcdef", "1 2 3", "\xff\xff\xff\xff\xff\xff"}) {
         GpsReader gps;
         gps.Feed(Rmc(date, "4807.038,N,01131.000,E", date));
         gps.Feed(wild);
-        gps.Feed("RMC,,A\r\nGGA\r\n");
         gps.Feed(Rmc(date, std::string("48\0.0,N,1.0,E", 13), date));
         // Nothing that two characters each can name lies further from 2000 than this.
         EXPECT_LT(std::abs(static_cast<double>(gps.Fix().secSinceEpoch)), 5e9) << date;
@@ -310,7 +229,6 @@ TEST(AuxReaderGPS, TextRunsAroundTheEndOfTheRing) {
     GpsReader gps;
     gps.Feed(FIX, 505);
     EXPECT_EQ(gps.Text().substr(0, FIX.size()), FIX);
-    EXPECT_NEAR(gps.Fix().latitude, 48.1173, 1e-9);
 
     gps.Feed("", 300);  // equal pointers: no text, and the state of the receiver stands
     EXPECT_EQ(gps.Text(), "");
@@ -322,27 +240,20 @@ TEST(AuxReaderGPS, TextRunsAroundTheEndOfTheRing) {
 
 TEST(AuxReaderGPS, QueryFitsTheCallersBufferAndTellsWhatIsNew) {
     GpsReader gps;
-    TqBool updated = tqTrue;
-    gps.reader.Query(&updated, nullptr, nullptr, nullptr);
-    EXPECT_EQ(updated, tqFalse);
     gps.Feed("ABCDEFGH");
-    gps.reader.Query(&updated, nullptr, nullptr, nullptr);
-    EXPECT_EQ(updated, tqTrue);
-    gps.reader.Query(&updated, nullptr, nullptr, nullptr);
-    EXPECT_EQ(updated, tqFalse);
-
-    struct Case {
-        int room;
-        int written;
-        const char* text;
-    };
-    for (const Case& c : {Case{9, 9, "ABCDEFGH"}, Case{100, 9, "ABCDEFGH"}, Case{4, 4, "ABC"}, Case{1, 1, ""},
-                          Case{0, 0, "????"}, Case{-5, -5, "????"}}) {
-        char text[16] = "????";
-        int len = c.room;
+    for (const TqBool isNew : {tqTrue, tqFalse}) {
+        TqBool updated = tqFalse;
+        gps.reader.Query(&updated, nullptr, nullptr, nullptr);
+        EXPECT_EQ(updated, isNew);
+    }
+    constexpr std::pair<int, const char*> CASES[] = {{100, "ABCDEFGH"}, {9, "ABCDEFGH"}, {4, "ABC"},
+                                                     {1, ""},           {0, "?"},        {-5, "?"}};
+    for (const auto& [room, expected] : CASES) {
+        char text[16] = "?";
+        int len = room;
         gps.reader.Query(nullptr, nullptr, text, &len);
-        EXPECT_EQ(len, c.written);
-        EXPECT_STREQ(text, c.text) << c.room;
+        EXPECT_EQ(len, std::min(room, 9));
+        EXPECT_STREQ(text, expected) << room;
     }
 }
 
@@ -369,11 +280,8 @@ TEST(AuxReaderGPS, StampsRunFromTheEdgeAndThenFromTheLastStamp) {
     reader.Update(GpsPacket(0, 0, limit + 1, "").get());
     EXPECT_FALSE(reader.IsGPSDataValid());
     TqGPSInfo fix;
-    char text[4096];
-    int len = sizeof text;
-    reader.Query(nullptr, &fix, text, &len);
+    reader.Query(nullptr, &fix, nullptr, nullptr);
     EXPECT_EQ(fix.latitude, 0.0);
-    EXPECT_EQ(len, 2049);
     EXPECT_EQ(reader.GetLockedIQTime(), anchor + 8);
     reader.Update(GpsPacket(0, 0, limit + TICKS_PER_SECOND, "").get());
     EXPECT_EQ(reader.GetLockedIQTime(), anchor + 1000000000);
@@ -393,9 +301,8 @@ TEST(AuxReaderGPS, WithoutGPSStampsStartAtTheHostsClockOnce) {
 }
 
 TEST(AuxReaderGPS, WildCountersAreDefined) {
-    constexpr int64_t WILD[] = {0, -1, std::numeric_limits<int64_t>::min(), std::numeric_limits<int64_t>::max()};
-    for (int64_t pps : WILD) {
-        for (int64_t iq : WILD) {
+    for (const int64_t pps : {int64_t{0}, int64_t{-1}, LOWEST, HIGHEST}) {
+        for (const int64_t iq : {int64_t{0}, int64_t{-1}, LOWEST, HIGHEST}) {
             AuxReaderGPS valid;
             valid.Update(GpsPacket(1, pps, iq, FIX).get());
             valid.Update(GpsPacket(1, pps, -iq - 1, "").get());
@@ -405,32 +312,6 @@ TEST(AuxReaderGPS, WildCountersAreDefined) {
             EXPECT_FALSE(host.IsGPSDataValid());
         }
     }
-}
-
-TEST(AuxReaders, ClientMayReadWhilePacketsComeIn) {
-    GpsReader gps;
-    AuxReaderStatus status;
-    std::atomic<bool> done = false;
-    std::atomic<int> queries = 0;
-    std::thread client([&] {
-        while (!done) {
-            const TqGPSInfo fix = gps.Fix();
-            EXPECT_EQ(fix.latitude == 0.0, fix.longitude == 0.0);  // never half a fix
-            EXPECT_EQ(gps.Text().size() % 4, 0u);
-            EXPECT_FALSE(status.TempWarning());
-            EXPECT_GE(gps.reader.GetLockedIQTime(), 0);
-            EXPECT_FALSE(gps.reader.IsGPSDataValidAndDisciplined());
-            queries++;
-        }
-    });
-    while (queries < 100) {
-        gps.Feed(FIX);
-        gps.Feed("$GPRMC,123521,V,,,,,,,180226,,,N*53\r\n");
-        status.Update(Packet().get());
-    }
-    done = true;
-    client.join();
-    EXPECT_FALSE(gps.reader.IsGPSDataValid());
 }
 
 }  // namespace

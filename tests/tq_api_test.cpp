@@ -19,7 +19,7 @@ constexpr int SERIAL = 12345678;
 constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double INF = std::numeric_limits<double>::infinity();
 
-// A value that no enumeration of the interface has, as a C caller can pass it.
+// Any int in the place of an enumeration, as a C caller can pass it.
 struct Wild {
     int value;
     template <typename E>
@@ -112,10 +112,10 @@ constexpr Call CALLS[] = {
     {"tqSetIQSweepListSampleCount", BAD_ARG, [](int d) { return tqSetIQSweepListSampleCount(d, -1, 1); }},
     {"tqSetAudioCenterFreq", BAD_ARG, [](int d) { return tqSetAudioCenterFreq(d, NaN); }},
     {"tqSetAudioType", BAD_ARG, [](int d) { return tqSetAudioType(d, Wild{5}); }},
+    {"tqSetAudioType", BAD_ARG, [](int d) { return tqSetAudioType(d, Wild{-1}); }},
     {"tqSetAudioFilters", BAD_ARG, [](int d) { return tqSetAudioFilters(d, NaN, NaN, NaN); }},
     {"tqSetAudioFMDeemphasis", BAD_ARG, [](int d) { return tqSetAudioFMDeemphasis(d, NaN); }},
     {"tqConfigure", BAD_ARG, [](int d) { return tqConfigure(d, Wild{6}); }},
-    {"tqConfigure", BAD_ARG, [](int d) { return tqConfigure(d, Wild{-1}); }},
     {"tqGetCurrentMode", NO_PTR, [](int d) { return tqGetCurrentMode(d, nullptr); }},
     {"tqAbort", OK, [](int d) { return tqAbort(d); }},
     {"tqGetSweepParameters", NOT_NOW,
