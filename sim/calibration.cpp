@@ -280,20 +280,4 @@ std::vector<std::uint8_t> BuildRecord(const Truth& truth) {
     return record.Finish();
 }
 
-std::vector<std::uint8_t> BuildNeutralRecord(std::uint32_t serial) {
-    RecordWriter record;
-    record.Header(serial);
-    for (std::size_t i = 0; i < CAL_TEMPS; ++i) {
-        record.PutFloat(AT_TEMPS, i, -30.0 + 15.0 * static_cast<double>(i));
-        record.Put(AT_TIMEBASE_TEMP + 2 * i, std::int16_t{0});
-    }
-    for (std::size_t i = 0; i < CAL_STEPS; ++i) record.Put(AT_ROUGH + i, std::uint8_t{4});
-    for (std::size_t i = AT_RF; i < AT_IQ_AMP; i += 4) record.PutFloat(i, 0, 0.0);
-    for (std::size_t i = AT_IQ_AMP; i < AT_IQ_PHASE; i += 4) record.PutFloat(i, 0, 1.0);
-    for (std::size_t i = AT_IQ_PHASE; i < AT_FINE_AMP; i += 4) record.PutFloat(i, 0, 0.0);
-    for (std::size_t i = AT_FINE_AMP; i < AT_FINE_PHASE; i += 4) record.PutFloat(i, 0, 1.0);
-    for (std::size_t i = 0; i < std::size_t{CAL_TEMPS} * CAL_FINE_STEPS; ++i) record.PutFloat(AT_FINE_PHASE, i, 0.0);
-    return record.Finish();
-}
-
 }  // namespace sim

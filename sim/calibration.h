@@ -77,7 +77,4 @@ double LowFrequencyRise(double rfHz);
 // The 2 MiB record of an instrument with this truth, header, history and checksum included.
 std::vector<std::uint8_t> BuildRecord(const Truth& truth);
 
-// A valid record whose tables correct nothing: rough count 4, gains 0 dB, ratios 1.
-std::vector<std::uint8_t> BuildNeutralRecord(std::uint32_t serial);
-
 }  // namespace sim

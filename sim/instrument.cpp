@@ -346,9 +346,6 @@ void Instrument::EnsureRecord() const {
         case RecordKind::factory:
             flash.Place(FLASH_RECORD_PAGE, BuildRecord(truth));
             break;
-        case RecordKind::neutral:
-            flash.Place(FLASH_RECORD_PAGE, BuildNeutralRecord(options.serial));
-            break;
         case RecordKind::custom:
             flash.Place(FLASH_RECORD_PAGE, options.customRecord);
             break;

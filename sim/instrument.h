@@ -38,7 +38,7 @@ enum class Speed {
     fast,   // data stands ready at once; time is the count of samples and waits; emitters start anew at each start word
     paced,  // data comes at the real rate by the wall clock; emitters run on the main counter
 };
-enum class RecordKind { factory, neutral, none, custom };
+enum class RecordKind { factory, none, custom };
 enum class GpsState {
     absent,        // no text, no PPS
     searching,     // text of status V, PPS
