@@ -56,6 +56,8 @@ constexpr std::size_t SCATTER_ENTRY_BYTES = 32;
 constexpr int PIPE_BYTES = 4096;  // one page: one byte fills it
 constexpr int FD_MAX = 1 << 16;
 
+constexpr char NODE_FOLDER[] = "/dev/bus/usb/";
+
 // libc's own functions, or whatever else stands between them and us.
 template <class Function>
 Function* Next(const char* name) {
@@ -65,44 +67,67 @@ Function* Next(const char* name) {
 using OpenFunction = int(const char*, int, ...);
 using FortifiedOpenFunction = int(const char*, int);
 
-int RealClose(int fd) {
+__attribute__((no_sanitize("thread"))) int RealClose(int fd) {
     static auto* const next = Next<int(int)>("close");
     return next(fd);
 }
 
-int RealIoctl(int fd, unsigned long request, void* argument) {
+__attribute__((no_sanitize("thread"))) int RealIoctl(int fd, unsigned long request, void* argument) {
     static auto* const next = Next<int(int, unsigned long, ...)>("ioctl");
     return next(fd, request, argument);
 }
 
-int RealOpen(const char* path, int flags, mode_t mode) {
+__attribute__((no_sanitize("thread"))) int RealOpen(const char* path, int flags, mode_t mode) {
     static auto* const next = Next<OpenFunction>("open");
     return next(path, flags, mode);
 }
 
-int RealOpen64(const char* path, int flags, mode_t mode) {
+__attribute__((no_sanitize("thread"))) int RealOpen64(const char* path, int flags, mode_t mode) {
     static auto* const next = Next<OpenFunction>("open64");
     return next(path, flags, mode);
 }
 
-int RealFortifiedOpen(const char* path, int flags) {
+__attribute__((no_sanitize("thread"))) int RealFortifiedOpen(const char* path, int flags) {
     static auto* const next = Next<FortifiedOpenFunction>("__open_2");
     return next(path, flags);
 }
 
-int RealFortifiedOpen64(const char* path, int flags) {
+__attribute__((no_sanitize("thread"))) int RealFortifiedOpen64(const char* path, int flags) {
     static auto* const next = Next<FortifiedOpenFunction>("__open64_2");
     return next(path, flags);
 }
 
+// The filter that all calls of the process go through, from before main on; those that are not for us cost a few loads.
+// It is not instrumented, and so made of builtins: ThreadSanitizer opens files while it holds the locks of a report,
+// and a report from in here would wait for them for ever.
+pid_t servingProcess = 0;  // set with the first ServeNodes
+bool isOurs[FD_MAX] = {};  // by descriptor
+
+template <class T>
+__attribute__((no_sanitize("thread"))) T Peek(const T& value) {
+    return __atomic_load_n(&value, __ATOMIC_SEQ_CST);
+}
+
+// A child that has not yet called exec shares or copies our memory, but has neither our threads nor a use for our
+// descriptors: its calls go to libc.
+__attribute__((no_sanitize("thread"))) bool Serves() { return Peek(servingProcess) == getpid(); }
+__attribute__((no_sanitize("thread"))) bool IsInChild() { return Peek(servingProcess) != 0 && !Serves(); }
+__attribute__((no_sanitize("thread"))) bool IsOurs(int fd) {
+    return fd >= 0 && fd < FD_MAX && Peek(isOurs[fd]) && Serves();
+}
+
+__attribute__((no_sanitize("thread"))) bool IsNode(const char* path) {
+    if (path == nullptr || Peek(servingProcess) == 0) return false;
+    for (const char* folder = NODE_FOLDER; *folder != 0; ++folder, ++path) {
+        if (*path != *folder) return false;
+    }
+    return Serves();
+}
+
+void SetOurs(int fd, bool ours) { __atomic_store_n(&isOurs[fd], ours, __ATOMIC_SEQ_CST); }
+
 // The nodes and the open descriptors of the process.
 struct NodeTable {
-    // A child that has not yet called exec shares or copies our memory, but has neither our threads nor a use for our
-    // descriptors: its calls go to libc.
-    bool Serves() const { return servingProcess == getpid(); }
-
-    std::atomic<pid_t> servingProcess{0};
-    std::array<std::atomic<bool>, FD_MAX> isOurs{};  // so that the calls on all other descriptors cost one load
     std::mutex lock;
     std::map<UsbAddress, std::shared_ptr<Port>> nodes;
     std::unordered_map<int, std::shared_ptr<Port::Descriptor>> descriptors;
@@ -116,9 +141,6 @@ NodeTable& Table() {
     static NodeTable& table = *std::make_unique<NodeTable>().release();
     return table;
 }
-
-// Set with the first ServeNodes: before it, no call may touch the table, because calls come even before main.
-std::atomic<bool> everServed{false};
 
 std::size_t ChargeOf(std::size_t bufferBytes) {
     const std::size_t chunks = (bufferBytes + SCATTER_CHUNK_BYTES - 1) / SCATTER_CHUNK_BYTES;
@@ -141,9 +163,8 @@ std::optional<UsbAddress> NodeAddress(const char* path) {
     return address;
 }
 
-// The descriptor or negative errno of an open, or nothing when the path is not ours.
+// The descriptor or negative errno of an open in NODE_FOLDER, or nothing for a path that is no node.
 std::optional<int> OpenNode(const char* path) {
-    if (!everServed || path == nullptr || !Table().Serves()) return std::nullopt;
     const std::optional<UsbAddress> address = NodeAddress(path);
     if (!address) return std::nullopt;
     std::shared_ptr<Port> port;
@@ -155,12 +176,6 @@ std::optional<int> OpenNode(const char* path) {
         port = node->second;
     }
     return port->Open();
-}
-
-bool IsInChild() { return everServed && !Table().Serves(); }
-
-bool IsOurs(int fd) {
-    return everServed && fd >= 0 && fd < FD_MAX && Table().isOurs[static_cast<std::size_t>(fd)] && Table().Serves();
 }
 
 std::shared_ptr<Port::Descriptor> FindDescriptor(int fd) {
@@ -178,7 +193,7 @@ std::shared_ptr<Port::Descriptor> TakeDescriptor(int fd) {
     if (found == table.descriptors.end()) return nullptr;
     std::shared_ptr<Port::Descriptor> descriptor = std::move(found->second);
     table.descriptors.erase(found);
-    table.isOurs[static_cast<std::size_t>(fd)] = false;
+    SetOurs(fd, false);
     return descriptor;
 }
 
@@ -275,10 +290,7 @@ std::vector<std::uint8_t> RawDescriptors(const UsbIdentity& identity) {
 
 void SetUsbfsMemoryLimit(std::size_t bytes) { Table().memoryLimit = bytes; }
 
-void ServeNodes() {
-    Table().servingProcess = getpid();
-    everServed = true;
-}
+void ServeNodes() { __atomic_store_n(&servingProcess, getpid(), __ATOMIC_SEQ_CST); }
 
 Port::Port(std::shared_ptr<BusDevice> plugged, PortOwner& portOwner, const PlugOptions& plugOptions)
     : device(std::move(plugged)), owner(portOwner), options(plugOptions), thread(&Port::Serve, this) {}
@@ -352,7 +364,7 @@ int Port::Open() {
     NodeTable& table = Table();
     const std::lock_guard held(table.lock);
     table.descriptors[descriptor->fd] = descriptor;
-    table.isOurs[static_cast<std::size_t>(descriptor->fd)] = true;
+    SetOurs(descriptor->fd, true);
     return descriptor->fd;
 }
 
@@ -765,7 +777,7 @@ void Port::Leave() {
 
 namespace {
 
-mode_t ModeArgument(int flags, va_list arguments) {
+__attribute__((no_sanitize("thread"))) mode_t ModeArgument(int flags, va_list arguments) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
 }
 
@@ -786,8 +798,10 @@ mode_t ModeArgument(int flags, va_list arguments) {
 
 extern "C" {
 
-[[gnu::visibility("default")]] int open(const char* path, int flags, ...) {
-    if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+[[gnu::visibility("default")]] __attribute__((no_sanitize("thread"))) int open(const char* path, int flags, ...) {
+    if (sim::IsNode(path)) {
+        if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+    }
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = sim::ModeArgument(flags, arguments);
@@ -795,8 +809,10 @@ extern "C" {
     return sim::RealOpen(path, flags, mode);
 }
 
-[[gnu::visibility("default")]] int open64(const char* path, int flags, ...) {
-    if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+[[gnu::visibility("default")]] __attribute__((no_sanitize("thread"))) int open64(const char* path, int flags, ...) {
+    if (sim::IsNode(path)) {
+        if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+    }
     va_list arguments;
     va_start(arguments, flags);
     const mode_t mode = sim::ModeArgument(flags, arguments);
@@ -804,17 +820,22 @@ extern "C" {
     return sim::RealOpen64(path, flags, mode);
 }
 
-[[gnu::visibility("default")]] int __open_2(const char* path, int flags) {
-    if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+[[gnu::visibility("default")]] __attribute__((no_sanitize("thread"))) int __open_2(const char* path, int flags) {
+    if (sim::IsNode(path)) {
+        if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+    }
     return sim::RealFortifiedOpen(path, flags);
 }
 
-[[gnu::visibility("default")]] int __open64_2(const char* path, int flags) {
-    if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+[[gnu::visibility("default")]] __attribute__((no_sanitize("thread"))) int __open64_2(const char* path, int flags) {
+    if (sim::IsNode(path)) {
+        if (const std::optional<int> fd = sim::OpenNode(path)) return sim::WithErrno(*fd);
+    }
     return sim::RealFortifiedOpen64(path, flags);
 }
 
-[[gnu::visibility("default")]] int ioctl(int fd, unsigned long request, ...) noexcept {
+[[gnu::visibility("default")]] __attribute__((no_sanitize("thread"))) int ioctl(int fd, unsigned long request,
+                                                                                ...) noexcept {
     va_list arguments;
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
@@ -824,7 +845,7 @@ extern "C" {
     return sim::WithErrno(descriptor ? descriptor->port->Ioctl(*descriptor, request, argument) : -EBADF);
 }
 
-[[gnu::visibility("default")]] int close(int fd) {
+[[gnu::visibility("default")]] __attribute__((no_sanitize("thread"))) int close(int fd) {
     // Behind a vfork even umockdev's close would work on the memory of the parent.
     if (sim::IsInChild()) return static_cast<int>(syscall(SYS_close, fd));
     if (!sim::IsOurs(fd)) return sim::RealClose(fd);
