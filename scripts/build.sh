@@ -9,8 +9,8 @@ targets=("${@:2}")
 options=()
 case "$variant" in
     release) ;;
-    asan) options+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_SANITIZE=address,undefined) ;;
-    tsan) options+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_SANITIZE=thread) ;;
+    asan) options+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_SANITIZE=address,undefined -DTQ_BUILD_BENCH=OFF) ;;
+    tsan) options+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_SANITIZE=thread -DTQ_BUILD_BENCH=OFF) ;;
     clang) options+=(-DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14) ;;
     *) echo "usage: $0 [release|asan|tsan|clang [TARGET ...]]" >&2; exit 2 ;;
 esac

@@ -10,4 +10,6 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 ctest --test-dir "$build" --output-on-failure -j "$(nproc)" --timeout 300
 if [ "$variant" = release ]; then
     scripts/check_exports.sh "$build/lib/libtq_api.so"
+    scripts/check_isa_objects.sh "$build"
+    scripts/test_baseline.sh "$build" --gtest_brief=1
 fi

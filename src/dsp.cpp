@@ -1,6 +1,8 @@
 #include "dsp.h"
 
+#include "tone_gen.h"
 #include "tq_assert.h"
+#include "vector_kernels.h"
 
 #include <algorithm>
 #include <array>
@@ -226,6 +228,49 @@ IppStatus FIR_32fc::Filter(const Ipp32fc* src, Ipp32fc* dst, int len) {
     return status;
 }
 
+void IQFreqTuner_32fc::Init(double _tuneFreq, int _blockLen, bool _highAccuracy) {
+    TQ_ASSERT(_tuneFreq >= -1.0 && _tuneFreq <= 1.0);
+    highAccuracy = _highAccuracy;
+    blockLen = _blockLen;
+    phase_64f = 0.0;
+    tone_64fc.resize(static_cast<size_t>(blockLen));
+    tone_32fc.resize(static_cast<size_t>(blockLen));
+    freq = _tuneFreq;
+    if (freq < 0.0) {
+        freq += 1.0;                  // the same tone
+        if (freq == 1.0) freq = 0.0;  // so near to 0 that the sum rounds up to a whole turn
+    }
+}
+
+void IQFreqTuner_32fc::SetPhaseOffset(int64_t offset) {
+    constexpr double TWO_PI = 2.0 * std::numbers::pi;
+    const double t = freq * TWO_PI * static_cast<double>(offset);
+    phase_64f = t - std::floor(t / TWO_PI) * TWO_PI;
+}
+
+void IQFreqTuner_32fc::GenNextToneSegment(int len) {
+    TQ_ASSERT(len <= blockLen);
+    if (highAccuracy) {
+        ippsTone_64fc(tone_64fc.data(), len, 1.0, freq, &phase_64f, ippAlgHintFast);
+        ippsConvert_64f32f(&tone_64fc.data()->re, &tone_32fc.data()->re, 2 * len);
+    } else {
+        amToneGen_32fc_sse3(tone_32fc.data(), freq, 1.0, &phase_64f, len);
+    }
+}
+
+void IQFreqTuner_32fc::Tune(const Ipp32fc* src, Ipp32fc* dst, int len) {
+    TQ_ASSERT(len <= blockLen);
+    TQ_ASSERT(freq != 1.0);
+    // Piece by piece, so that the tone is still in the caches when it is multiplied in. Whole runs of the recurrence
+    // make the same tone as one piece.
+    constexpr int PIECE = 4 * MAX_ITER;
+    for (int done = 0; done < len; done += PIECE) {
+        const int count = std::min(len - done, PIECE);
+        GenNextToneSegment(count);
+        ippsMul_32fc(src + done, tone_32fc.data(), dst + done, count);
+    }
+}
+
 namespace {
 
 constexpr double GAUSSIAN_SIGMA = 0.1;  // of the Gaussian window, as a fraction of its length
@@ -418,13 +463,7 @@ IppStatus Convert_16sc32fc(const Ipp16sc* src, Ipp32fc* dst, int len) {
 }
 
 IppStatus Convert_16sc32fc_Sfs(const Ipp16sc* src, Ipp32fc* dst, int len, int scaleFactor) {
-    const int count = 2 * len;
-    // The upper half of dst holds the differences until they are expanded over the whole of it. The expansion runs
-    // upward, so that it never writes over a difference still to come.
-    Ipp16s* const differences = reinterpret_cast<Ipp16s*>(dst) + count;
-    const IppStatus status = ippsSubC_16s_Sfs(&src->re, gSpurADCOffset, differences, count, 0);
-    if (status != 0) return status;
-    return ippsConvert_16s32f_Sfs(differences, &dst->re, count, scaleFactor);
+    return ipps_detail::ConvertOffset_16s32f_Sfs(&src->re, gSpurADCOffset, &dst->re, 2 * len, scaleFactor);
 }
 
 IppStatus Convert_32fc16sc(const Ipp32fc* src, Ipp16sc* dst, int len) {

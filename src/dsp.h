@@ -165,6 +165,34 @@ private:
     std::vector<Ipp32fc> dly;  // the last inputs, one less than taps
 };
 
+// Shifts a stream in frequency: multiplies it by a complex tone whose phase runs on from block to block. Nothing
+// allocates but construction and Init.
+class IQFreqTuner_32fc {
+public:
+    IQFreqTuner_32fc() { Init(0.0, 0, true); }
+    IQFreqTuner_32fc(double _tuneFreq, int _blockLen, bool _highAccuracy) { Init(_tuneFreq, _blockLen, _highAccuracy); }
+
+    // May be called again to retune; the phase starts at 0.
+    //   _tuneFreq      fraction of the sample rate, -1 to below 1
+    //   _blockLen      the longest block of one Tune
+    //   _highAccuracy  true: the tone is made in double precision; false: by a recurrence, within 1e-4, and faster
+    void Init(double _tuneFreq, int _blockLen, bool _highAccuracy);
+    // The phase as `offset` samples after phase 0.
+    void SetPhaseOffset(int64_t offset);
+    // The next len samples of the tone times src; len at most blockLen; dst may be src.
+    void Tune(const Ipp32fc* src, Ipp32fc* dst, int len);
+    void Tune(const Ipp32fc* src, Ipp32fc* dst) { Tune(src, dst, blockLen); }
+    // The next len samples of the tone into tone_32fc.
+    void GenNextToneSegment(int len);
+
+    double freq = 0.0;       // fraction of the sample rate, 0 to below 1
+    double phase_64f = 0.0;  // of the next sample [rad], 0 to 2 pi
+    int blockLen = 0;
+    bool highAccuracy = true;
+    std::vector<Ipp64fc> tone_64fc;  // blockLen values each
+    std::vector<Ipp32fc> tone_32fc;
+};
+
 inline constexpr double CONFINED_GAUSSIAN_BW = 2.65;  // of the Gaussian window at -6 dB, [bins]
 
 // Resolution bandwidth of a window [bins], the instrument's fixed constant: a window of L samples at rate r has an RBW

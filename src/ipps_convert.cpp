@@ -2,6 +2,7 @@
 
 #include "ipps.h"
 #include "ipps_detail.h"
+#include "vector_kernels.h"
 
 using ipps_detail::Check;
 using ipps_detail::Map;
@@ -26,10 +27,16 @@ IppStatus Narrow(const Ipp32f* pSrc, Ipp16s* pDst, int len, Ipp32f scale, Round 
 
 }  // namespace
 
-IppStatus ippsConvert_16s32f_Sfs(const Ipp16s* pSrc, Ipp32f* pDst, int len, int scaleFactor) {
+IppStatus ipps_detail::ConvertOffset_16s32f_Sfs(const Ipp16s* pSrc, Ipp16s offset, Ipp32f* pDst, int len,
+                                                int scaleFactor) {
     if (const IppStatus status = Check(len, pSrc, pDst); status != ippStsNoErr) return status;
     if (!ScaleInRange(scaleFactor)) return ippStsScaleRangeErr;
-    return Map(pSrc, pDst, len, [scale = ScaleOf(scaleFactor)](Ipp16s x) { return static_cast<Ipp32f>(x) * scale; });
+    VECTOR_KERNELS.Now().convert16s32f(pSrc, offset, ScaleOf(scaleFactor), pDst, len);
+    return ippStsNoErr;
+}
+
+IppStatus ippsConvert_16s32f_Sfs(const Ipp16s* pSrc, Ipp32f* pDst, int len, int scaleFactor) {
+    return ipps_detail::ConvertOffset_16s32f_Sfs(pSrc, 0, pDst, len, scaleFactor);
 }
 
 IppStatus ippsConvert_32f16s_Sfs(const Ipp32f* pSrc, Ipp16s* pDst, int len, IppRoundMode rndMode, int scaleFactor) {
@@ -40,7 +47,8 @@ IppStatus ippsConvert_32f16s_Sfs(const Ipp32f* pSrc, Ipp16s* pDst, int len, IppR
         case ippRndZero:
             return Narrow(pSrc, pDst, len, scale, [](Ipp32f x) { return x; });
         case ippRndNear:
-            return Narrow(pSrc, pDst, len, scale, [](Ipp32f x) { return std::nearbyint(x); });
+            VECTOR_KERNELS.Now().convert32f16s(pSrc, scale, pDst, len);
+            return ippStsNoErr;
         case ippRndFinancial:
             return Narrow(pSrc, pDst, len, scale, [](Ipp32f x) { return std::round(x); });
     }
@@ -48,5 +56,7 @@ IppStatus ippsConvert_32f16s_Sfs(const Ipp32f* pSrc, Ipp16s* pDst, int len, IppR
 }
 
 IppStatus ippsConvert_64f32f(const Ipp64f* pSrc, Ipp32f* pDst, int len) {
-    return Map(pSrc, pDst, len, [](Ipp64f x) { return static_cast<Ipp32f>(x); });
+    if (const IppStatus status = Check(len, pSrc, pDst); status != ippStsNoErr) return status;
+    VECTOR_KERNELS.Now().convert64f32f(pSrc, pDst, len);
+    return ippStsNoErr;
 }

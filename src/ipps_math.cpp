@@ -1,85 +1,74 @@
-#include <smmintrin.h>
-
-#include <cmath>
-
 #include "ipps.h"
 #include "ipps_detail.h"
+#include "math_kernels.h"
+#include "vector_kernels.h"
 
 using ipps_detail::Check;
-using ipps_detail::Map;
 
 namespace {
 
-// By intrinsics: std::sqrt has to set errno and is not vectorised.
-IppStatus Root(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
-    if (const IppStatus status = Check(len, pSrc, pDst); status != ippStsNoErr) return status;
-    constexpr int LANES = 4;
-    __m128 negative = _mm_setzero_ps();
-    int n = 0;
-    for (; len - n >= LANES; n += LANES) {
-        const __m128 x = _mm_loadu_ps(pSrc + n);
-        negative = _mm_or_ps(negative, _mm_cmplt_ps(x, _mm_setzero_ps()));
-        _mm_storeu_ps(pDst + n, _mm_sqrt_ps(x));
-    }
-    for (; n < len; ++n) {
-        const __m128 x = _mm_set_ss(pSrc[n]);
-        negative = _mm_or_ps(negative, _mm_cmplt_ss(x, _mm_setzero_ps()));
-        pDst[n] = _mm_cvtss_f32(_mm_sqrt_ss(x));
-    }
-    return _mm_movemask_ps(negative) != 0 ? ippStsSqrtNegArg : ippStsNoErr;
+// A complex array as the real one it is.
+const Ipp32f* Parts(const Ipp32fc* p) { return reinterpret_cast<const Ipp32f*>(p); }
+Ipp32f* Parts(Ipp32fc* p) { return reinterpret_cast<Ipp32f*>(p); }
+
+// Runs a kernel that says of nothing.
+template <class Table>
+IppStatus Run(void (*Table::*kernel)(const float*, float*, std::ptrdiff_t),
+              const ipps_detail::KernelTables<Table>& tables, const Ipp32f* src, Ipp32f* dst, int len) {
+    if (const IppStatus status = Check(len, src, dst); status != ippStsNoErr) return status;
+    (tables.Now().*kernel)(src, dst, len);
+    return ippStsNoErr;
+}
+
+// Runs one that finds the least value of src, and picks the warning for it.
+IppStatus Run(float (*MathKernels::*kernel)(const float*, float*, std::ptrdiff_t), const Ipp32f* src, Ipp32f* dst,
+              int len, IppStatus ofNegative, IppStatus ofZero) {
+    if (const IppStatus status = Check(len, src, dst); status != ippStsNoErr) return status;
+    const float least = (MATH_KERNELS.Now().*kernel)(src, dst, len);
+    if (least < 0.0F) return ofNegative;
+    return least == 0.0F ? ofZero : ippStsNoErr;
 }
 
 }  // namespace
 
 IppStatus ippsExp_32f(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
-    return Map(pSrc, pDst, len, [](Ipp32f x) { return std::exp(x); });
+    return Run(&MathKernels::exp32f, MATH_KERNELS, pSrc, pDst, len);
 }
 
 IppStatus ippsExp_32f_I(Ipp32f* pSrcDst, int len) { return ippsExp_32f(pSrcDst, pSrcDst, len); }
 
 IppStatus ippsLn_32f(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
-    bool anyZero = false;
-    bool anyNegative = false;
-    const IppStatus status = Map(pSrc, pDst, len, [&](Ipp32f x) {
-        anyZero |= x == 0.0F;
-        anyNegative |= x < 0.0F;
-        return std::log(x);
-    });
-    if (status != ippStsNoErr) return status;
-    if (anyNegative) return ippStsLnNegArg;
-    return anyZero ? ippStsLnZeroArg : ippStsNoErr;
+    return Run(&MathKernels::ln32f, pSrc, pDst, len, ippStsLnNegArg, ippStsLnZeroArg);
 }
 
-IppStatus ippsLn_32f_A11(const Ipp32f* pSrc, Ipp32f* pDst, int len) { return ippsLn_32f(pSrc, pDst, len); }
+IppStatus ippsLn_32f_A11(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
+    return Run(&MathKernels::ln32fA11, pSrc, pDst, len, ippStsLnNegArg, ippStsLnZeroArg);
+}
 
 IppStatus ippsSqr_32f(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
-    return Map(pSrc, pDst, len, [](Ipp32f x) { return x * x; });
+    return Run(&VectorKernels::sqr32f, VECTOR_KERNELS, pSrc, pDst, len);
 }
 
-IppStatus ippsSqrt_32f(const Ipp32f* pSrc, Ipp32f* pDst, int len) { return Root(pSrc, pDst, len); }
+IppStatus ippsSqrt_32f(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
+    return Run(&MathKernels::sqrt32f, pSrc, pDst, len, ippStsSqrtNegArg, ippStsNoErr);
+}
 
-IppStatus ippsSqrt_32f_A11(const Ipp32f* pSrc, Ipp32f* pDst, int len) { return Root(pSrc, pDst, len); }
+IppStatus ippsSqrt_32f_A11(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
+    return Run(&MathKernels::sqrt32fA11, pSrc, pDst, len, ippStsSqrtNegArg, ippStsNoErr);
+}
 
 IppStatus ippsConj_32fc(const Ipp32fc* pSrc, Ipp32fc* pDst, int len) {
-    return Map(pSrc, pDst, len, [](Ipp32fc x) { return Ipp32fc{x.re, -x.im}; });
+    return Run(&VectorKernels::conj32fc, VECTOR_KERNELS, Parts(pSrc), Parts(pDst), len);
 }
 
 IppStatus ippsMagnitude_32fc(const Ipp32fc* pSrc, Ipp32f* pDst, int len) {
-    if (const IppStatus status = Check(len, pSrc, pDst); status != ippStsNoErr) return status;
-    constexpr int CHUNK = 1024;  // the powers wait in the nearest cache for their roots
-    for (int n = 0; n < len;) {
-        const int count = std::min(len - n, CHUNK);
-        ippsPowerSpectr_32fc(pSrc + n, pDst + n, count);
-        Root(pDst + n, pDst + n, count);
-        n += count;
-    }
-    return ippStsNoErr;
+    return Run(&VectorKernels::magnitude32fc, VECTOR_KERNELS, Parts(pSrc), pDst, len);
 }
 
 IppStatus ippsPowerSpectr_32fc(const Ipp32fc* pSrc, Ipp32f* pDst, int len) {
-    return Map(pSrc, pDst, len, [](Ipp32fc x) { return x.re * x.re + x.im * x.im; });
+    return Run(&VectorKernels::power32fc, VECTOR_KERNELS, Parts(pSrc), pDst, len);
 }
 
 IppStatus ippsPhase_32fc(const Ipp32fc* pSrc, Ipp32f* pDst, int len) {
-    return Map(pSrc, pDst, len, [](Ipp32fc x) { return std::atan2(x.im, x.re); });
+    return Run(&MathKernels::phase32fc, MATH_KERNELS, Parts(pSrc), pDst, len);
 }

@@ -1,9 +1,11 @@
 #include <cpuid.h>
 
+#include <array>
 #include <cstdlib>
 
 #include "ipps.h"
 #include "ipps_detail.h"
+#include "vector_kernels.h"
 
 using ipps_detail::Check;
 
@@ -25,9 +27,18 @@ bool SystemSavesAvxState() {
 }
 
 template <class T>
+IppStatus Zero(T* pDst, int len) {
+    if (const IppStatus status = Check(len, pDst); status != ippStsNoErr) return status;
+    std::memset(pDst, 0, static_cast<std::size_t>(len) * sizeof(T));
+    return ippStsNoErr;
+}
+
+template <class T>
 IppStatus Fill(T val, T* pDst, int len) {
     if (const IppStatus status = Check(len, pDst); status != ippStsNoErr) return status;
-    std::fill_n(pDst, len, val);
+    std::array<T, 16 / sizeof(T)> pattern;
+    pattern.fill(val);
+    VECTOR_KERNELS.Now().fill(pattern.data(), pDst, static_cast<std::ptrdiff_t>(sizeof(T)) * len);
     return ippStsNoErr;
 }
 
@@ -41,7 +52,10 @@ IppStatus Move(const T* pSrc, T* pDst, int len) {
 
 }  // namespace
 
-IppStatus ippInit() { return ippStsNoErr; }
+IppStatus ippInit() {
+    ipps_detail::Kernels();
+    return ippStsNoErr;
+}
 
 Ipp64u ippGetEnabledCpuFeatures() {
     std::uint32_t eax = 0;
@@ -66,11 +80,11 @@ Ipp8u* ippsMalloc_8u(int byteCount) { return static_cast<Ipp8u*>(ippMalloc_L(byt
 
 void ippsFree(void* ptr) { std::free(ptr); }
 
-IppStatus ippsZero_8u(Ipp8u* pDst, int len) { return Fill(Ipp8u{0}, pDst, len); }
-IppStatus ippsZero_32s(Ipp32s* pDst, int len) { return Fill(0, pDst, len); }
-IppStatus ippsZero_32f(Ipp32f* pDst, int len) { return Fill(0.0F, pDst, len); }
-IppStatus ippsZero_32fc(Ipp32fc* pDst, int len) { return Fill(Ipp32fc{}, pDst, len); }
-IppStatus ippsZero_64f(Ipp64f* pDst, int len) { return Fill(0.0, pDst, len); }
+IppStatus ippsZero_8u(Ipp8u* pDst, int len) { return Zero(pDst, len); }
+IppStatus ippsZero_32s(Ipp32s* pDst, int len) { return Zero(pDst, len); }
+IppStatus ippsZero_32f(Ipp32f* pDst, int len) { return Zero(pDst, len); }
+IppStatus ippsZero_32fc(Ipp32fc* pDst, int len) { return Zero(pDst, len); }
+IppStatus ippsZero_64f(Ipp64f* pDst, int len) { return Zero(pDst, len); }
 
 IppStatus ippsSet_32f(Ipp32f val, Ipp32f* pDst, int len) { return Fill(val, pDst, len); }
 IppStatus ippsSet_32s(Ipp32s val, Ipp32s* pDst, int len) { return Fill(val, pDst, len); }
@@ -89,6 +103,6 @@ IppStatus ippsMove_32fc(const Ipp32fc* pSrc, Ipp32fc* pDst, int len) { return Mo
 
 IppStatus ippsFlip_32f(const Ipp32f* pSrc, Ipp32f* pDst, int len) {
     if (const IppStatus status = Check(len, pSrc, pDst); status != ippStsNoErr) return status;
-    std::reverse_copy(pSrc, pSrc + len, pDst);
+    VECTOR_KERNELS.Now().flip32f(pSrc, pDst, len);
     return ippStsNoErr;
 }

@@ -1,24 +1,13 @@
-#include <array>
-#include <cmath>
-#include <numbers>
+#include <utility>
 
 #include "ipps.h"
 #include "ipps_detail.h"
+#include "vector_kernels.h"
 
 using ipps_detail::AnyNull;
 using ipps_detail::Check;
 
 namespace {
-
-constexpr Ipp64f TWO_PI = 2.0 * std::numbers::pi;
-
-// The phase after n samples, less whole turns [rad]. The fused operation recovers what the product's rounding loses,
-// which for a long tone would be far above the rounding of the tone itself.
-Ipp64f AdvanceOf(Ipp64f rFreq, int n) {
-    const Ipp64f turns = rFreq * n;
-    const Ipp64f rest = std::fma(rFreq, static_cast<Ipp64f>(n), -turns);
-    return TWO_PI * ((turns - std::floor(turns)) + rest);
-}
 
 template <class T>
 IppStatus SampleDown(const T* pSrc, int srcLen, T* pDst, int* pDstLen, int factor, int* pPhase) {
@@ -33,35 +22,6 @@ IppStatus SampleDown(const T* pSrc, int srcLen, T* pDst, int* pDstLen, int facto
 }
 
 }  // namespace
-
-IppStatus ippsTone_64fc(Ipp64fc* pDst, int len, Ipp64f magn, Ipp64f rFreq, Ipp64f* pPhase, IppHintAlgorithm) {
-    if (const IppStatus status = Check(len, pDst, pPhase); status != ippStsNoErr) return status;
-    if (!(rFreq >= 0.0 && rFreq < 1.0)) return ippStsRelFreqErr;
-
-    // Each stretch starts from its own exact phase and turns through the same table: one rounding, no drift.
-    constexpr int STRETCH = 64;
-    std::array<Ipp64fc, STRETCH> turn;
-    const int tableLen = std::min(len, STRETCH);
-    for (int k = 0; k < tableLen; ++k) {
-        const Ipp64f angle = AdvanceOf(rFreq, k);
-        turn[static_cast<std::size_t>(k)] = {std::cos(angle), std::sin(angle)};
-    }
-    for (int n = 0; n < len;) {
-        const Ipp64f angle = *pPhase + AdvanceOf(rFreq, n);
-        const Ipp64fc start = {magn * std::cos(angle), magn * std::sin(angle)};
-        const int count = std::min(len - n, STRETCH);
-        for (int k = 0; k < count; ++k) {
-            const Ipp64fc w = turn[static_cast<std::size_t>(k)];
-            pDst[n + k] = {start.re * w.re - start.im * w.im, start.re * w.im + start.im * w.re};
-        }
-        n += count;
-    }
-
-    Ipp64f phase = std::fmod(*pPhase + AdvanceOf(rFreq, len), TWO_PI);
-    if (phase < 0.0) phase += TWO_PI;
-    *pPhase = phase < TWO_PI ? phase : 0.0;  // a tiny negative phase rounds up to the full turn
-    return ippStsNoErr;
-}
 
 IppStatus ippsSampleDown_32f(const Ipp32f* pSrc, int srcLen, Ipp32f* pDst, int* pDstLen, int factor, int* pPhase) {
     return SampleDown(pSrc, srcLen, pDst, pDstLen, factor, pPhase);
@@ -96,18 +56,6 @@ IppStatus ippiTranspose_32f_C1R(const Ipp32f* pSrc, int srcStep, Ipp32f* pDst, i
         }
         return ippStsNoErr;
     }
-    // By square tiles, so that of both arrays whole cache lines are used while they are near.
-    constexpr std::int64_t TILE = 16;
-    for (std::int64_t row0 = 0; row0 < height; row0 += TILE) {
-        const std::int64_t rowEnd = std::min(row0 + TILE, height);
-        for (std::int64_t col0 = 0; col0 < width; col0 += TILE) {
-            const std::int64_t colEnd = std::min(col0 + TILE, width);
-            for (std::int64_t col = col0; col < colEnd; ++col) {
-                for (std::int64_t row = row0; row < rowEnd; ++row) {
-                    pDst[col * dstStride + row] = pSrc[row * srcStride + col];
-                }
-            }
-        }
-    }
+    VECTOR_KERNELS.Now().transpose32f(pSrc, srcStride, pDst, dstStride, height, width);
     return ippStsNoErr;
 }
