@@ -2,54 +2,22 @@
 #include <new>
 #include <type_traits>
 
+#include "fft_kernels.h"
 #include "ipps.h"
 #include "ipps_detail.h"
 
 using ipps_detail::AnyNull;
 using ipps_detail::Carver;
+using ipps_detail::FftKernels;
+using ipps_detail::FftPasses;
+using ipps_detail::FftPlan;
 
-// Method. Passes of radix 4 that sort as they go (Stockham), between destination and work buffer, with roots computed
-// in double precision. A transform too long for the caches becomes a matrix of rows x columns: short transforms of all
-// columns, a turn of each element, short transforms of all rows. The short ones then run side by side for as many
-// neighbouring columns as fill whole cache lines, so that main memory is crossed only twice.
+// Here descriptions are laid out, filled and checked; fft_kernels.h tells how the transform goes.
 
 namespace {
 
 template <class C>
 using ScalarOf = decltype(C::re);
-
-// LANES complex values, re and im alternating, as one register. One float pair makes half a register.
-template <class C, int LANES>
-struct Packed {
-    using T = ScalarOf<C>;
-    using Vec __attribute__((vector_size(LANES * sizeof(C)))) = T;
-
-    static Vec Load(const C* from) {
-        Vec v;
-        std::memcpy(&v, from, sizeof(v));
-        return v;
-    }
-    static void Store(C* to, Vec v) { std::memcpy(to, &v, sizeof(v)); }
-    static Vec Pairs(T even, T odd) {
-        Vec v;
-        for (int k = 0; k < LANES; ++k) {
-            v[2 * k] = even;
-            v[2 * k + 1] = odd;
-        }
-        return v;
-    }
-    static Vec Swapped(Vec v) {
-        if constexpr (LANES == 1) {
-            return __builtin_shufflevector(v, v, 1, 0);
-        } else {
-            return __builtin_shufflevector(v, v, 1, 0, 3, 2);
-        }
-    }
-};
-
-// Complex values that fill a register of 128 bits.
-template <class C>
-constexpr int FULL_LANES = 16 / sizeof(C);
 
 // exp(-2 pi j k / 2^order). From an angle within an eighth of a turn, so that the axes and diagonals come out exact
 // and no precision is lost to large arguments.
@@ -99,219 +67,166 @@ struct RootTables {
     }
 };
 
-// Description of the complex transform of length 2^order.
+constexpr std::int64_t Length(int order) { return std::int64_t{1} << order; }
+
+// Writes exp(-2 pi j k / 2^order) as two numbers, each rounded once.
+template <class T>
+T* PutRoot(T* at, std::int64_t k, int order) {
+    const Ipp64fc root = UnitRoot(k, order);
+    *at++ = static_cast<T>(root.re);
+    *at++ = static_cast<T>(root.im);
+    return at;
+}
+
+// Divides a length of 2^order into passes: as few as the largest radix allows, and as even.
+template <class T>
+void LayoutPasses(FftPasses<T>& passes, Carver& carver, int order, int maxRadixOrder) {
+    passes.length = Length(order);
+    passes.count = (order + maxRadixOrder - 1) / maxRadixOrder;
+    std::int64_t twiddles = 0;
+    std::int64_t n = passes.length;
+    for (int pass = 0; pass < passes.count; ++pass) {
+        const int larger = order % passes.count;  // passes of one more bit come last
+        const int bits = order / passes.count + (pass >= passes.count - larger ? 1 : 0);
+        passes.radix[pass] = 1 << bits;
+        n /= passes.radix[pass];
+        twiddles += 2 * n * (passes.radix[pass] - 1);
+    }
+    if (passes.count <= 1) return;
+    passes.twiddles = carver.Take<T>(twiddles);
+    passes.order = carver.Take<std::int32_t>(passes.length / passes.radix[passes.count - 1]);
+}
+
+// Value that lies at a place: the digits of the place, highest first, are those of the value, lowest first.
+template <class T>
+std::int64_t ValueAt(const FftPasses<T>& passes, std::int64_t place) {
+    std::int64_t value = 0;
+    std::int64_t weight = 1;
+    std::int64_t n = passes.length;
+    for (int pass = 0; pass < passes.count; ++pass) {
+        n /= passes.radix[pass];
+        value += place / n * weight;
+        place %= n;
+        weight *= passes.radix[pass];
+    }
+    return value;
+}
+
+template <class T>
+void FillPasses(const FftPasses<T>& passes, int order) {
+    if (passes.count <= 1) return;
+    T* twiddle = passes.twiddles;
+    for (int pass = 0; pass < passes.count - 1; ++pass) {
+        const std::int64_t part = Length(order) / passes.radix[pass];
+        for (std::int64_t p = 0; p < part; ++p) {
+            for (int q = 1; q < passes.radix[pass]; ++q) twiddle = PutRoot(twiddle, p * q, order);
+        }
+        while (Length(order) > part) --order;
+    }
+    const int last = passes.radix[passes.count - 1];
+    for (std::int64_t b = 0; b < passes.length / last; ++b) {
+        passes.order[b] = static_cast<std::int32_t>(ValueAt(passes, b * last));
+    }
+}
+
+// Description of the complex transform of length 2^order, for the instruction set in use when it is laid out.
 template <class C>
 struct ComplexPlan {
     using T = ScalarOf<C>;
 
-    // Above this the data and its work buffer outgrow the second cache, and the transform goes by columns and rows.
-    static constexpr int MAX_DIRECT_ORDER = 15;
-    // Columns or rows transformed side by side: two cache lines of each.
-    static constexpr int BATCH = 128 / sizeof(C);
+    // As many columns as lanes make one tile of the whole length: best while the second cache holds it (measured).
+    static constexpr std::int64_t MAX_TILE_BYTES = 512 << 10;
+    // Rows of the work matrix are set apart by this much more than a power of two [bytes], or all would fall into the
+    // same few sets of the caches.
+    static constexpr std::int64_t ROW_GAP_BYTES = 128;
+    // From these sizes on [bytes] data outgrow the second and the third cache: the destination, then also the work
+    // matrix are written around them, and several columns are taken at a time, to visit fewer pages of memory.
+    static constexpr std::int64_t LARGE_BYTES = 1 << 20;
+    static constexpr std::int64_t HUGE_BYTES = 16 << 20;
 
-    int order = 0;
+    const FftKernels* kernels = nullptr;
+    FftPlan<T> plan;
     T fwdScale = 1;
     T invScale = 1;
-    int rootsOrder = 0;
-    C* roots = nullptr;  // exp(-2 pi j k / 2^rootsOrder), all k below a turn
-    RootTables turns;    // of length 2^order, for the turn between columns and rows
 
-    bool ByRowsAndColumns() const { return order > MAX_DIRECT_ORDER; }
-    int ColumnLengthOrder() const { return order / 2; }
-    int RowLengthOrder() const { return order - order / 2; }
+    int ColumnsOrder() const {
+        int order = 0;
+        while (Length(order) < plan.columns) ++order;
+        return order;
+    }
 
     // Divides the description's memory; only measures where the carver has none.
-    void Layout(Carver& carver, int newOrder) {
-        order = newOrder;
-        rootsOrder = ByRowsAndColumns() ? RowLengthOrder() : order;
-        roots = carver.Take<C>(std::int64_t{1} << rootsOrder);
-        if (ByRowsAndColumns()) turns.Layout(carver, order);
+    void Layout(Carver& carver, int order) {
+        kernels = &ipps_detail::FFT_KERNELS.Now();
+        plan.order = order;
+        constexpr int NARROWEST = 16 / sizeof(T);
+        plan.lanes = std::is_same_v<T, float> ? kernels->lanes32 : kernels->lanes64;
+        while (plan.lanes * std::int64_t{plan.lanes} > Length(order)) plan.lanes /= 2;
+        if (plan.lanes < NARROWEST) plan.lanes = 1;
+        const std::int64_t bytes = Length(order) * static_cast<std::int64_t>(sizeof(C));
+        const bool throughWork = bytes > MAX_TILE_BYTES;
+        plan.columns = throughWork ? Length(order / 2) : plan.lanes;
+        plan.rows = Length(order) / plan.columns;
+        if (throughWork) {
+            plan.rowStride = 2 * plan.columns + ROW_GAP_BYTES / static_cast<std::int64_t>(sizeof(T));
+            plan.tileStride = 2 * plan.lanes * std::max(plan.rows, plan.columns);
+            plan.groups = bytes < LARGE_BYTES ? 1 : bytes < HUGE_BYTES ? 2 : 4;
+            plan.streamDst = bytes >= LARGE_BYTES;
+            plan.streamWork = bytes >= HUGE_BYTES;
+        }
+        LayoutPasses(plan.down, carver, order - ColumnsOrder(), kernels->maxRadixOrder);
+        plan.laneTurns = carver.Take<T>(2 * plan.lanes * plan.rows);
+        if (throughWork) {
+            LayoutPasses(plan.across, carver, ColumnsOrder(), kernels->maxRadixOrder);
+            plan.groupTurns = carver.Take<T>(2 * (plan.columns / plan.lanes) * plan.rows);
+        } else {
+            plan.placeOfRow = carver.Take<std::int32_t>(plan.rows);
+        }
     }
 
     void Fill(int flag) {
-        for (std::int64_t k = 0; k < std::int64_t{1} << rootsOrder; ++k) {
-            const Ipp64fc root = UnitRoot(k, rootsOrder);
-            roots[k] = {static_cast<T>(root.re), static_cast<T>(root.im)};
+        const int order = plan.order;
+        FillPasses(plan.down, order - ColumnsOrder());
+        FillPasses(plan.across, ColumnsOrder());
+        for (std::int64_t place = 0; place < plan.rows; ++place) {
+            const std::int64_t row = ValueAt(plan.down, place);
+            T* const turns = plan.laneTurns + 2 * plan.lanes * place;
+            for (int lane = 0; lane < plan.lanes; ++lane) {
+                const Ipp64fc root = UnitRoot(row * ipps_detail::FftLaneColumn<T>(lane, plan.lanes), order);
+                turns[lane] = static_cast<T>(root.re);
+                turns[plan.lanes + lane] = static_cast<T>(root.im);
+            }
+            for (std::int64_t group = 0; plan.groupTurns != nullptr && group < plan.columns / plan.lanes; ++group) {
+                PutRoot(plan.groupTurns + 2 * (group * plan.rows + place), row * group * plan.lanes, order);
+            }
+            if (plan.placeOfRow != nullptr) plan.placeOfRow[row] = static_cast<std::int32_t>(place);
         }
-        if (ByRowsAndColumns()) turns.Fill(order);
         const double length = std::ldexp(1.0, order);
         if (flag == IPP_FFT_DIV_FWD_BY_N) fwdScale = static_cast<T>(1.0 / length);
         if (flag == IPP_FFT_DIV_INV_BY_N) invScale = static_cast<T>(1.0 / length);
         if (flag == IPP_FFT_DIV_BY_SQRTN) fwdScale = invScale = static_cast<T>(1.0 / std::sqrt(length));
     }
 
-    // Arrays of the work buffer of one transform.
-    struct Work {
-        C* matrix = nullptr;
-        C* tile = nullptr;  // null for a direct transform
-        C* tileWork = nullptr;
-    };
-    Work WorkLayout(Carver& carver) const {
-        Work work;
-        work.matrix = carver.Take<C>(std::int64_t{1} << order);
-        if (ByRowsAndColumns()) {
-            work.tile = carver.Take<C>(std::int64_t{BATCH} << RowLengthOrder());
-            work.tileWork = carver.Take<C>(std::int64_t{BATCH} << RowLengthOrder());
-        }
-        return work;
+    // The work buffer of one transform: matrix and tile.
+    T* WorkLayout(Carver& carver) const {
+        return carver.Take<T>(plan.columns > plan.lanes ? plan.rows * plan.rowStride + plan.groups * plan.tileStride
+                                                        : 2 * plan.lanes * plan.rows);
     }
 
-    // One pass of radix 4 over length-n transforms, `stride` of them side by side. sign 1 forward, -1 inverse.
-    template <int LANES>
-    void PassOf4(const C* in, C* out, std::int64_t n, std::int64_t stride, T sign) const {
-        using P = Packed<C, LANES>;
-        const auto quarterTurn = P::Pairs(sign, -sign);
-        const std::int64_t quarter = n / 4;
-        const std::int64_t rootStep = (std::int64_t{1} << rootsOrder) / n;
-        const std::int64_t q1 = quarter * stride;
-        for (std::int64_t p = 0; p < quarter; ++p) {
-            const C w1 = roots[p * rootStep];
-            const C w2 = roots[2 * p * rootStep];
-            const C w3 = roots[3 * p * rootStep];
-            const auto re1 = P::Pairs(w1.re, w1.re);
-            const auto re2 = P::Pairs(w2.re, w2.re);
-            const auto re3 = P::Pairs(w3.re, w3.re);
-            const auto im1 = P::Pairs(-sign * w1.im, sign * w1.im);
-            const auto im2 = P::Pairs(-sign * w2.im, sign * w2.im);
-            const auto im3 = P::Pairs(-sign * w3.im, sign * w3.im);
-            const C* const x = in + p * stride;
-            C* const y = out + 4 * p * stride;
-            for (std::int64_t s = 0; s < stride; s += LANES) {
-                const auto a = P::Load(x + s);
-                const auto b = P::Load(x + s + q1);
-                const auto c = P::Load(x + s + 2 * q1);
-                const auto d = P::Load(x + s + 3 * q1);
-                const auto sumAC = a + c;
-                const auto difAC = a - c;
-                const auto sumBD = b + d;
-                const auto difBD = P::Swapped(b - d) * quarterTurn;
-                const auto y1 = difAC + difBD;
-                const auto y2 = sumAC - sumBD;
-                const auto y3 = difAC - difBD;
-                P::Store(y + s, sumAC + sumBD);
-                P::Store(y + s + stride, y1 * re1 + P::Swapped(y1) * im1);
-                P::Store(y + s + 2 * stride, y2 * re2 + P::Swapped(y2) * im2);
-                P::Store(y + s + 3 * stride, y3 * re3 + P::Swapped(y3) * im3);
-            }
+    void Transform(const C* src, C* dst, Ipp8u* buffer, bool inverse, T scale) const {
+        if (plan.order == 0) {
+            *dst = {src->re * scale, src->im * scale};
+            return;
         }
-    }
-
-    // The last pass, of radix 1, 2, 4 or 8, has no roots to apply; it scales instead. `in` may be `out`.
-    template <int LANES>
-    static void LastPass(const C* in, C* out, int radixOrder, std::int64_t stride, T sign, T scaleBy) {
-        using P = Packed<C, LANES>;
-        const auto scale = P::Pairs(scaleBy, scaleBy);
-        const auto quarterTurn = P::Pairs(sign, -sign);
-        const auto diagonal =
-            P::Pairs(static_cast<T>(std::numbers::sqrt2 / 2), static_cast<T>(std::numbers::sqrt2 / 2));
-        for (std::int64_t s = 0; s < stride; s += LANES) {
-            const auto load = [&](std::int64_t k) { return P::Load(in + s + k * stride); };
-            const auto store = [&](std::int64_t k, auto v) { P::Store(out + s + k * stride, v * scale); };
-            if (radixOrder == 0) {
-                store(0, load(0));
-            } else if (radixOrder == 1) {
-                const auto a = load(0);
-                const auto b = load(1);
-                store(0, a + b);
-                store(1, a - b);
-            } else if (radixOrder == 2) {
-                const auto a = load(0), b = load(1), c = load(2), d = load(3);
-                const auto difBD = P::Swapped(b - d) * quarterTurn;
-                store(0, (a + c) + (b + d));
-                store(1, (a - c) + difBD);
-                store(2, (a + c) - (b + d));
-                store(3, (a - c) - difBD);
-            } else {
-                // Even and odd results of the length 8 are two transforms of length 4.
-                const auto a = load(0), b = load(1), c = load(2), d = load(3);
-                const auto e = load(4), f = load(5), g = load(6), h = load(7);
-                const auto sumAE = a + e, sumBF = b + f, sumCG = c + g, sumDH = d + h;
-                const auto difBFDH = P::Swapped(sumBF - sumDH) * quarterTurn;
-                const auto difAE = a - e;
-                const auto difBF = b - f;
-                const auto difCG = P::Swapped(c - g) * quarterTurn;
-                const auto difDH = d - h;
-                const auto turnedBF = (difBF + P::Swapped(difBF) * quarterTurn) * diagonal;
-                const auto turnedDH = (P::Swapped(difDH) * quarterTurn - difDH) * diagonal;
-                const auto difTurned = P::Swapped(turnedBF - turnedDH) * quarterTurn;
-                store(0, (sumAE + sumCG) + (sumBF + sumDH));
-                store(4, (sumAE + sumCG) - (sumBF + sumDH));
-                store(2, (sumAE - sumCG) + difBFDH);
-                store(6, (sumAE - sumCG) - difBFDH);
-                store(1, (difAE + difCG) + (turnedBF + turnedDH));
-                store(5, (difAE + difCG) - (turnedBF + turnedDH));
-                store(3, (difAE - difCG) + difTurned);
-                store(7, (difAE - difCG) - difTurned);
-            }
-        }
-    }
-
-    // `batch` interleaved transforms of length 2^lengthOrder. src may be dst; work is of the same size and separate.
-    void Direct(const C* src, C* dst, C* work, int lengthOrder, std::int64_t batch, T sign, T scale) const {
-        const int lastOrder = lengthOrder < 3 ? lengthOrder : (lengthOrder % 2 == 0 ? 2 : 3);
-        std::int64_t n = std::int64_t{1} << lengthOrder;
-        std::int64_t stride = batch;
-        const C* in = src;
-        for (int done = 0; done < lengthOrder - lastOrder; done += 2) {
-            C* const out = in == work ? dst : work;
-            if (stride == 1) {
-                PassOf4<1>(in, out, n, stride, sign);
-            } else {
-                PassOf4<FULL_LANES<C>>(in, out, n, stride, sign);
-            }
-            in = out;
-            n /= 4;
-            stride *= 4;
-        }
-        if (stride == 1) {
-            LastPass<1>(in, dst, lastOrder, stride, sign, scale);
-        } else {
-            LastPass<FULL_LANES<C>>(in, dst, lastOrder, stride, sign, scale);
-        }
-    }
-
-    void RowsAndColumns(const C* src, C* dst, const Work& work, T sign, T scale) const {
-        const std::int64_t rows = std::int64_t{1} << ColumnLengthOrder();
-        const std::int64_t columns = std::int64_t{1} << RowLengthOrder();
-        constexpr std::size_t LINE_BYTES = BATCH * sizeof(C);
-        for (std::int64_t column = 0; column < columns; column += BATCH) {
-            for (std::int64_t row = 0; row < rows; ++row) {
-                std::memcpy(work.tile + row * BATCH, src + row * columns + column, LINE_BYTES);
-            }
-            Direct(work.tile, work.tile, work.tileWork, ColumnLengthOrder(), BATCH, sign, T{1});
-            for (std::int64_t row = 0; row < rows; ++row) {
-                const C* const from = work.tile + row * BATCH;
-                C* const to = work.matrix + row * columns + column;
-                for (int k = 0; k < BATCH; ++k) {
-                    const Ipp64fc turn = turns.At(row * (column + k));
-                    const C w = {static_cast<T>(turn.re), sign * static_cast<T>(turn.im)};
-                    to[k] = {from[k].re * w.re - from[k].im * w.im, from[k].re * w.im + from[k].im * w.re};
-                }
-            }
-        }
-        constexpr std::int64_t LINE = 64 / sizeof(C);
-        for (std::int64_t row = 0; row < rows; row += BATCH) {
-            // By whole lines of each row: all rows of the batch fall into the same few sets of the cache.
-            for (std::int64_t column = 0; column < columns; column += LINE) {
-                for (std::int64_t k = 0; k < BATCH; ++k) {
-                    const C* const from = work.matrix + (row + k) * columns + column;
-                    for (std::int64_t i = 0; i < LINE; ++i) work.tile[(column + i) * BATCH + k] = from[i];
-                }
-            }
-            Direct(work.tile, work.tile, work.tileWork, RowLengthOrder(), BATCH, sign, scale);
-            for (std::int64_t column = 0; column < columns; ++column) {
-                std::memcpy(dst + column * rows + row, work.tile + column * BATCH, LINE_BYTES);
-            }
-        }
-    }
-
-    void Transform(const C* src, C* dst, Ipp8u* buffer, T sign, T scale) const {
         Carver carver(buffer);
-        const Work work = WorkLayout(carver);
-        if (ByRowsAndColumns()) {
-            RowsAndColumns(src, dst, work, sign, scale);
+        T* const work = WorkLayout(carver);
+        // A complex value is its two numbers.
+        const T* const from = reinterpret_cast<const T*>(src);
+        T* const to = reinterpret_cast<T*>(dst);
+        if constexpr (std::is_same_v<T, float>) {
+            kernels->transform32(plan, from, to, work, inverse, scale);
         } else {
-            Direct(src, dst, work.matrix, order, 1, sign, scale);
+            kernels->transform64(plan, from, to, work, inverse, scale);
         }
     }
 };
@@ -366,8 +281,7 @@ struct RealPlan {
         Carver carver(buffer);
         const Work work = WorkLayout(carver);
         const std::int64_t count = std::int64_t{1} << HalfOrder();
-        std::memcpy(work.pairs, src, static_cast<std::size_t>(count) * sizeof(Ipp64fc));
-        half.Transform(work.pairs, work.pairs, work.rest, 1.0, fwdScale);
+        half.Transform(reinterpret_cast<const Ipp64fc*>(src), work.pairs, work.rest, false, fwdScale);
         const Ipp64fc* const z = work.pairs;
         dst[0] = z[0].re + z[0].im;
         dst[1] = z[0].re - z[0].im;
@@ -406,8 +320,7 @@ struct RealPlan {
             z[count - k] = {even.re + odd.im, odd.re - even.im};
             z[k] = {even.re - odd.im, even.im + odd.re};
         }
-        half.Transform(z, z, work.rest, -1.0, invScale);
-        std::memcpy(dst, z, static_cast<std::size_t>(count) * sizeof(Ipp64fc));
+        half.Transform(z, reinterpret_cast<Ipp64fc*>(dst), work.rest, true, invScale);
     }
 };
 
@@ -485,25 +398,25 @@ IppStatus ippsFFTInit_R_64f(IppsFFTSpec_R_64f** ppSpec, int order, int flag, Ipp
 
 IppStatus ippsFFTFwd_CToC_32fc(const Ipp32fc* pSrc, Ipp32fc* pDst, const IppsFFTSpec_C_32fc* pSpec, Ipp8u* pBuffer) {
     if (AnyNull(pSrc, pDst, pSpec, pBuffer)) return ippStsNullPtrErr;
-    pSpec->Transform(pSrc, pDst, pBuffer, 1.0F, pSpec->fwdScale);
+    pSpec->Transform(pSrc, pDst, pBuffer, false, pSpec->fwdScale);
     return ippStsNoErr;
 }
 
 IppStatus ippsFFTFwd_CToC_64fc(const Ipp64fc* pSrc, Ipp64fc* pDst, const IppsFFTSpec_C_64fc* pSpec, Ipp8u* pBuffer) {
     if (AnyNull(pSrc, pDst, pSpec, pBuffer)) return ippStsNullPtrErr;
-    pSpec->Transform(pSrc, pDst, pBuffer, 1.0, pSpec->fwdScale);
+    pSpec->Transform(pSrc, pDst, pBuffer, false, pSpec->fwdScale);
     return ippStsNoErr;
 }
 
 IppStatus ippsFFTInv_CToC_32fc(const Ipp32fc* pSrc, Ipp32fc* pDst, const IppsFFTSpec_C_32fc* pSpec, Ipp8u* pBuffer) {
     if (AnyNull(pSrc, pDst, pSpec, pBuffer)) return ippStsNullPtrErr;
-    pSpec->Transform(pSrc, pDst, pBuffer, -1.0F, pSpec->invScale);
+    pSpec->Transform(pSrc, pDst, pBuffer, true, pSpec->invScale);
     return ippStsNoErr;
 }
 
 IppStatus ippsFFTInv_CToC_64fc(const Ipp64fc* pSrc, Ipp64fc* pDst, const IppsFFTSpec_C_64fc* pSpec, Ipp8u* pBuffer) {
     if (AnyNull(pSrc, pDst, pSpec, pBuffer)) return ippStsNullPtrErr;
-    pSpec->Transform(pSrc, pDst, pBuffer, -1.0, pSpec->invScale);
+    pSpec->Transform(pSrc, pDst, pBuffer, true, pSpec->invScale);
     return ippStsNoErr;
 }
 
