@@ -1,12 +1,18 @@
 #include <algorithm>
+#include <array>
 #include <complex>
 #include <numbers>
 #include <span>
 #include <string>
 
 #include "ipps.h"
+#include "ipps_fir_down.h"
+#include "ipps_kernels.h"
 #include "ipps_test_support.h"
 
+using ipps_detail::FirDown_32fc;
+using ipps_detail::FirDownGetSize_32fc;
+using ipps_detail::FirDownInit_32fc;
 using ipps_test::Guarded;
 using ipps_test::Values;
 
@@ -60,13 +66,27 @@ void SetRandom(Values& values, T& sample) {
     sample = static_cast<T>(values.Uniform());
 }
 
+constexpr std::array SET_NAMES = {"sse41", "avx2", "avx512"};
+
+// Runs check() on each instruction set that the processor has.
+template <class F>
+void OnEachSet(F check) {
+    for (const char* name : SET_NAMES) {
+        const ipps_detail::KernelSet* const set = ipps_detail::KernelsFor(name);
+        if (set == nullptr) continue;
+        SCOPED_TRACE(name);
+        const ipps_detail::KernelOverride use(*set);
+        check();
+    }
+}
+
 // A filter with memory of exactly the asked sizes, at odd addresses.
 template <class P>
 struct Fir {
     using S = typename P::S;
-    explicit Fir(const std::vector<S>& taps)
+    explicit Fir(const std::vector<S>& taps, IppAlgType algorithm = ippAlgAuto)
         : bytes(Sizes(static_cast<int>(taps.size()))), specMem(bytes.spec, 1), work(bytes.work, 3) {
-        EXPECT_EQ(P::Init(taps.data(), static_cast<int>(taps.size()), ippAlgAuto, Spec()), ippStsNoErr);
+        EXPECT_EQ(P::Init(taps.data(), static_cast<int>(taps.size()), algorithm, Spec()), ippStsNoErr);
     }
     typename P::Spec* Spec() { return reinterpret_cast<typename P::Spec*>(specMem.data()); }
     IppStatus Run(const S* src, S* dst, int len, S* delay) {
@@ -86,51 +106,280 @@ struct Fir {
     Guarded<Ipp8u> specMem, work;
 };
 
+// A random filter and a stream behind the inputs of its delay line, with the truth about its outputs.
+template <class P>
+struct Trial {
+    using S = typename P::S;
+
+    Trial(int tapsLen, int len, bool realTaps) : taps(Size(tapsLen)), stream(Size(tapsLen - 1 + len)) {
+        Values values;
+        for (S& tap : taps) {
+            SetRandom(values, tap);
+            if constexpr (std::is_same_v<S, Ipp32fc>) {
+                if (realTaps) tap.im = 0.0F;
+            }
+            tapsSum += std::abs(Wide(tap));
+        }
+        for (S& sample : stream) SetRandom(values, sample);
+        SumEnergy();
+    }
+
+    // The first inputs become so much louder.
+    void Amplify(int count, float gain) {
+        for (int n = 0; n < count; ++n) {
+            if constexpr (std::is_same_v<S, Ipp32fc>) {
+                stream[Size(n)] = {stream[Size(n)].re * gain, stream[Size(n)].im * gain};
+            } else {
+                stream[Size(n)] *= gain;
+            }
+        }
+        SumEnergy();
+    }
+
+    const S* Src() const { return stream.data() + taps.size() - 1; }
+    std::span<const S> Past() const { return std::span(stream).first(taps.size() - 1); }
+    std::span<const S> After() const { return std::span(stream).last(taps.size() - 1); }
+
+    Complex Truth(int n) const {
+        Complex sum = 0.0;
+        for (std::size_t k = 0; k < taps.size(); ++k)
+            sum += Wide(taps[k]) * Wide(stream[Size(n) + taps.size() - 1 - k]);
+        return sum;
+    }
+    // A sum in any order: each product and each addition rounds once, and no partial sum exceeds the whole of absolute
+    // values. Values are within 1 in each part.
+    double DirectBound() const {
+        const double count = static_cast<double>(taps.size());
+        return P::UNIT_ROUNDOFF * 2.0 * count * (std::sqrt(count) + 2.0);
+    }
+    // As ipps.h derives it; the fold of a filter that keeps one output in `factor` adds as many terms.
+    double TransformBound(int n, int factor) const {
+        const int segment = std::max(256, 16 * std::max(static_cast<int>(taps.size()), factor));
+        const int last = static_cast<int>(stream.size());
+        const int at = n + static_cast<int>(taps.size()) - 1;
+        const double sum = energy[Size(std::max(at - segment, 0))] - energy[Size(std::min(at + segment, last))];
+        return P::UNIT_ROUNDOFF * (20.0 * std::log2(segment) + 8.0 + factor - 1.0) * tapsSum * std::sqrt(sum);
+    }
+
+    std::vector<S> taps, stream;
+
+private:
+    static std::size_t Size(int n) { return static_cast<std::size_t>(n); }
+    void SumEnergy() {
+        energy.assign(stream.size() + 1, 0.0);
+        for (std::size_t n = stream.size(); n-- > 0;) energy[n] = energy[n + 1] + std::norm(Wide(stream[n]));
+    }
+
+    double tapsSum = 0.0;
+    std::vector<double> energy;  // of each input and all after it: loud beginnings leave the rest exact
+};
+
 template <class P>
 class IppsFir : public testing::Test {};
 using Filters = testing::Types<Real32, Real64, Complex32>;
 TYPED_TEST_SUITE(IppsFir, Filters);
 
+// Blocks of every length around the vectors', some shorter than the taps, some empty, some of several segments.
+std::vector<int> Cuts(int len) {
+    std::vector<int> cuts;
+    for (int left = len, turn = 0; left > 0; ++turn) {
+        const int count = std::min(left, turn < 34 ? turn : turn * turn);
+        cuts.push_back(count);
+        left -= count;
+    }
+    return cuts;
+}
+
 TYPED_TEST(IppsFir, IsTheConvolutionHoweverTheStreamIsCut) {
     using S = typename TypeParam::S;
-    constexpr int LEN = 3000;
-    for (const int tapsLen : {1, 2, 5, 31, 300, 2047}) {
-        Values values;
-        std::vector<S> taps(static_cast<std::size_t>(tapsLen)), src(LEN), whole(LEN), pieces(LEN);
-        for (S& tap : taps) SetRandom(values, tap);
-        for (S& sample : src) SetRandom(values, sample);
-        Fir<TypeParam> fir(taps);
+    constexpr int LEN = 7000;
+    const auto check = [&](int tapsLen, bool realTaps, IppAlgType algorithm) {
+        SCOPED_TRACE(testing::Message() << tapsLen << " taps, real " << realTaps << ", algorithm " << algorithm);
+        Trial<TypeParam> trial(tapsLen, LEN, realTaps);
+        Fir<TypeParam> fir(trial.taps, algorithm);
         Guarded<S> delay(tapsLen - 1);
-        for (int i = 0; i < tapsLen - 1; ++i) SetRandom(values, delay[i]);
-        std::vector<S> past(delay.data(), delay.data() + tapsLen - 1);
-        std::vector<S> stream = past;
-        stream.insert(stream.end(), src.begin(), src.end());
+        std::ranges::copy(trial.Past(), delay.data());
+        Guarded<S> whole(LEN, 1);
+        ASSERT_EQ(fir.Run(trial.Src(), whole.data(), LEN, delay.data()), ippStsNoErr);
+        ASSERT_TRUE(std::ranges::equal(std::span(delay.data(), delay.data() + tapsLen - 1), trial.After(), Same<S>));
 
-        ASSERT_EQ(fir.Run(src.data(), whole.data(), LEN, delay.data()), ippStsNoErr);
-        // Each product and each sum rounds once; a partial sum of terms up to 2 is at most 2 tapsLen.
-        const double bound = TypeParam::UNIT_ROUNDOFF * 2.0 * tapsLen * (std::sqrt(tapsLen) + 2.0);
-        for (int n = 0; n < LEN; n += tapsLen < 100 ? 1 : 37) {
-            Complex want = 0.0;
-            for (int k = 0; k < tapsLen; ++k) {
-                want += Wide(taps[static_cast<std::size_t>(k)]) *
-                        Wide(stream[static_cast<std::size_t>(n + tapsLen - 1 - k)]);
+        // In place, each block at the place that its number gives.
+        std::ranges::copy(trial.Past(), delay.data());
+        const bool direct = sizeof(S) != sizeof(Ipp32fc) || algorithm == ippAlgDirect || tapsLen < 20;
+        int done = 0;
+        for (const int count : Cuts(LEN)) {
+            Guarded<S> block(count, done % 5);
+            std::copy_n(trial.Src() + done, count, block.data());
+            ASSERT_EQ(fir.Run(block.data(), block.data(), count, delay.data()), ippStsNoErr);
+            for (int i = 0; i < count; ++i) {
+                const int n = done + i;
+                if (direct || std::is_same_v<S, Ipp64f>) {
+                    ASSERT_TRUE(Same(block[i], whole[n])) << n;
+                } else {
+                    ASSERT_LE(std::abs(Wide(block[i]) - Wide(whole[n])), 2.0 * trial.TransformBound(n, 1)) << n;
+                }
             }
-            ASSERT_LE(std::abs(Wide(whole[static_cast<std::size_t>(n)]) - want), bound) << n << " of " << tapsLen;
-        }
-        const std::vector<S> after(stream.end() - (tapsLen - 1), stream.end());
-        ASSERT_TRUE(std::ranges::equal(std::span(delay.data(), after.size()), after, Same<S>));
-
-        // In place and in uneven blocks, some shorter than the taps and some empty.
-        std::copy(past.begin(), past.end(), delay.data());
-        pieces = src;
-        const int cuts[] = {1, 0, 2, 7, 16, 64, 333, 1100};
-        for (int done = 0, turn = 0; done < LEN; ++turn) {
-            const int count = std::min(cuts[turn % 8], LEN - done);
-            ASSERT_EQ(fir.Run(pieces.data() + done, pieces.data() + done, count, delay.data()), ippStsNoErr);
             done += count;
         }
-        EXPECT_TRUE(std::ranges::equal(pieces, whole, Same<S>)) << tapsLen << " taps";
+        ASSERT_TRUE(std::ranges::equal(std::span(delay.data(), delay.data() + tapsLen - 1), trial.After(), Same<S>));
+
+        for (int n = 0; n < LEN; n += tapsLen < 100 ? 1 : 37) {
+            const double bound =
+                direct ? trial.DirectBound() : std::max(trial.DirectBound(), trial.TransformBound(n, 1));
+            ASSERT_LE(std::abs(Wide(whole[n]) - trial.Truth(n)), bound) << n;
+        }
+    };
+    OnEachSet([&] {
+        for (const int tapsLen : {1, 2, 5, 17, 31, 61, 130, 300, 2047}) {
+            for (const IppAlgType algorithm : {ippAlgAuto, ippAlgDirect}) {
+                check(tapsLen, false, algorithm);
+                if (std::is_same_v<S, Ipp32fc>) check(tapsLen, true, algorithm);
+            }
+        }
+    });
+}
+
+// Direct filters read nothing but an output's own inputs, whatever group it is computed in.
+TYPED_TEST(IppsFir, KeepsWhatIsNoNumberToItsOwnOutputs) {
+    using S = typename TypeParam::S;
+    constexpr int LEN = 400, PLACE = 211;
+    OnEachSet([&] {
+        for (const int tapsLen : {1, 3, 8, 45}) {
+            Trial<TypeParam> trial(tapsLen, LEN, false);
+            S bad = {};
+            if constexpr (std::is_same_v<S, Ipp32fc>) {
+                bad.re = std::nanf("");
+            } else {
+                bad = std::numeric_limits<S>::infinity();
+            }
+            trial.stream[static_cast<std::size_t>(PLACE + tapsLen - 1)] = bad;
+            Fir<TypeParam> fir(trial.taps, ippAlgDirect);
+            std::vector<S> delay(trial.Past().begin(), trial.Past().end()), out(LEN);
+            delay.resize(static_cast<std::size_t>(tapsLen));
+            ASSERT_EQ(fir.Run(trial.Src(), out.data(), LEN, delay.data()), ippStsNoErr);
+            for (int n = 0; n < LEN; ++n) {
+                ASSERT_EQ(std::isfinite(std::abs(Wide(out[static_cast<std::size_t>(n)]))),
+                          n < PLACE || n >= PLACE + tapsLen)
+                    << n << " of " << tapsLen << " taps";
+            }
+        }
+    });
+}
+
+// What is loud stays within its segments: the bound of later outputs knows nothing of it.
+TEST(IppsFirTransforms, ForgetLoudSegments) {
+    OnEachSet([&] {
+        constexpr int LEN = 6000;
+        Trial<Complex32> trial(129, LEN, true);
+        trial.Amplify(300, 1e9F);
+        Fir<Complex32> fir(trial.taps);
+        std::vector<Ipp32fc> delay(trial.Past().begin(), trial.Past().end()), out(LEN);
+        ASSERT_EQ(fir.Run(trial.Src(), out.data(), LEN, delay.data()), ippStsNoErr);
+        for (int n = 0; n < LEN; n += 7) {
+            ASSERT_LE(std::abs(Wide(out[static_cast<std::size_t>(n)]) - trial.Truth(n)), trial.TransformBound(n, 1))
+                << n;
+        }
+    });
+}
+
+// Real taps cost less than complex ones, but their filter is the same.
+TEST(IppsFirTransforms, TakeRealTapsLikeComplexOnes) {
+    OnEachSet([&] {
+        Trial<Complex32> trial(19, 500, true);
+        Fir<Complex32> real(trial.taps, ippAlgDirect);
+        trial.taps.back().im = 1e-30F;  // no effect but on the choice
+        Fir<Complex32> complex(trial.taps, ippAlgDirect);
+        std::vector<Ipp32fc> past(18), a(500), b(500);
+        real.Run(trial.Src(), a.data(), 500, past.data());
+        std::ranges::fill(past, Ipp32fc{});
+        complex.Run(trial.Src(), b.data(), 500, past.data());
+        for (std::size_t n = 0; n < a.size(); ++n) ASSERT_LE(std::abs(Wide(a[n]) - Wide(b[n])), 1e-28) << n;
+    });
+}
+
+struct DownFilter {
+    DownFilter(const std::vector<Ipp32fc>& taps, int factor)
+        : bytes(Sizes(static_cast<int>(taps.size()), factor)), specMem(bytes.spec, 1), work(bytes.work, 3) {
+        EXPECT_EQ(FirDownInit_32fc(taps.data(), static_cast<int>(taps.size()), factor, Spec()), ippStsNoErr);
     }
+    ipps_detail::FirDownSpec_32fc* Spec() { return reinterpret_cast<ipps_detail::FirDownSpec_32fc*>(specMem.data()); }
+    static Fir<Complex32>::Bytes Sizes(int tapsLen, int factor) {
+        Fir<Complex32>::Bytes bytes;
+        EXPECT_EQ(FirDownGetSize_32fc(tapsLen, factor, &bytes.spec, &bytes.work), ippStsNoErr);
+        return bytes;
+    }
+
+    Fir<Complex32>::Bytes bytes;
+    Guarded<Ipp8u> specMem, work;
+};
+
+TEST(IppsFirDown, IsTheFilterThenTheSampleDown) {
+    constexpr int LEN = 20000;
+    const struct {
+        int tapsLen, factor;
+    } rows[] = {{1, 1},    {1, 3},   {2, 2},     {31, 2},   {130, 4}, {129, 1},
+                {257, 10}, {300, 7}, {2049, 16}, {64, 256}, {5, 1000}};
+    OnEachSet([&] {
+        for (const auto& row : rows) {
+            SCOPED_TRACE(testing::Message() << row.tapsLen << " taps, 1 in " << row.factor);
+            const Trial<Complex32> trial(row.tapsLen, LEN, false);
+            DownFilter filter(trial.taps, row.factor);
+            for (const bool cut : {false, true}) {
+                Guarded<Ipp32fc> delay(row.tapsLen - 1);
+                std::ranges::copy(trial.Past(), delay.data());
+                int phase = row.factor / 2, samplePhase = phase, next = phase, done = 0;
+                for (const int count : cut ? Cuts(LEN) : std::vector{LEN}) {
+                    Ipp32fc unused[LEN];
+                    int got = -1, want = -1;
+                    ASSERT_EQ(ippsSampleDown_32fc(trial.Src() + done, count, unused, &want, row.factor, &samplePhase),
+                              ippStsNoErr);
+                    Guarded<Ipp32fc> out(want, done % 3);
+                    ASSERT_EQ(FirDown_32fc(trial.Src() + done, count, out.data(), &got, filter.Spec(), delay.data(),
+                                           delay.data(), &phase, filter.work.data()),
+                              ippStsNoErr);
+                    ASSERT_EQ(got, want);
+                    ASSERT_EQ(phase, samplePhase);
+                    for (int k = 0; k < got; ++k, next += row.factor) {
+                        if (row.tapsLen > 100 && k % 13 != 0) continue;
+                        ASSERT_LE(std::abs(Wide(out[k]) - trial.Truth(next)),
+                                  std::max(trial.DirectBound(), trial.TransformBound(next, row.factor)))
+                            << next;
+                    }
+                    done += count;
+                }
+                ASSERT_GE(next, LEN);
+                ASSERT_TRUE(std::ranges::equal(std::span(delay.data(), delay.data() + row.tapsLen - 1), trial.After(),
+                                               Same<Ipp32fc>));
+            }
+        }
+    });
+}
+
+TEST(IppsFirDown, ChecksItsArguments) {
+    const std::vector<Ipp32fc> taps = {{1, 0}, {0, 1}};
+    DownFilter filter(taps, 3);
+    Ipp32fc data[4] = {}, out[4], delay[1] = {};
+    int count = 0, phase = 0, three = 3, below = -1, a = 0, b = 0;
+    const auto run = [&](const Ipp32fc* src, int len, Ipp32fc* past, int* at) {
+        return FirDown_32fc(src, len, out, &count, filter.Spec(), past, past, at, filter.work.data());
+    };
+    const struct {
+        const char* what;
+        IppStatus got, want;
+    } rows[] = {
+        {"no source", run(nullptr, 4, delay, &phase), ippStsNullPtrErr},
+        {"no delay line", run(data, 4, nullptr, &phase), ippStsNullPtrErr},
+        {"no phase", run(data, 4, delay, nullptr), ippStsNullPtrErr},
+        {"negative length", run(data, -1, delay, &phase), ippStsSizeErr},
+        {"phase 3", run(data, 4, delay, &three), ippStsBadArgErr},
+        {"phase -1", run(data, 4, delay, &below), ippStsBadArgErr},
+        {"0 taps", FirDownGetSize_32fc(0, 3, &a, &b), ippStsSizeErr},
+        {"factor 0", FirDownGetSize_32fc(2, 0, &a, &b), ippStsBadArgErr},
+        {"size beyond int", FirDownGetSize_32fc(1 << 29, 2, &a, &b), ippStsSizeErr},
+        {"init with factor 0", FirDownInit_32fc(taps.data(), 2, 0, filter.Spec()), ippStsBadArgErr},
+        {"init without taps", FirDownInit_32fc(nullptr, 2, 3, filter.Spec()), ippStsNullPtrErr},
+    };
+    for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;
 }
 
 TEST(IppsFirArguments, AreChecked) {
