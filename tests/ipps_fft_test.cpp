@@ -189,6 +189,36 @@ TEST_P(IppsFft, TransformsLongImpulsesAndTones) {
     for (const int order : {15, 16, 17, 20}) ExpectLongImpulsesAndTones<Double>(order);
 }
 
+// Two impulses are two tones: every bin is known at once, and so is the energy of the spectrum. All orders beyond those
+// of the defining sum, up to the longest.
+TEST_P(IppsFft, KeepsBinsAndEnergyAtEveryLongOrder) {
+    for (int order = 13; order <= 25; ++order) {
+        const std::int64_t n = std::int64_t{1} << order, first = n / 5, second = n - 7;
+        Plan<Single> plan(order, IPP_FFT_NODIV_BY_ANY);
+        Guarded<Ipp32fc> data(static_cast<int>(n));
+        std::fill_n(data.data(), n, Ipp32fc{});
+        data[static_cast<int>(first)] = {1.0F, 0.0F};
+        data[static_cast<int>(second)] = {0.0F, -0.5F};
+        ASSERT_EQ(Single::Fwd(data.data(), data.data(), plan.usable, plan.buffer.data()), ippStsNoErr);
+        double energy = 0.0, error = 0.0;
+        for (std::int64_t k = 0; k < n; ++k) {
+            const Ipp32fc& bin = data[static_cast<int>(k)];
+            energy += double{bin.re} * bin.re + double{bin.im} * bin.im;
+        }
+        const std::int64_t stride = n / 4096 + 1;
+        int checked = 0;
+        for (std::int64_t k = 0; k < n; k += stride, ++checked) {
+            const Complex want = Root(k * first, n) + Complex(0.0, -0.5) * Root(k * second, n);
+            const Ipp32fc& bin = data[static_cast<int>(k)];
+            error += std::norm(Complex(bin.re, bin.im) - want);
+        }
+        // 1.25 is the energy of the impulses; relative errors of energy are twice those of amplitude.
+        const double perBin = 1.25;
+        EXPECT_NEAR(energy / static_cast<double>(n), perBin, perBin * 2.0 * ErrorBound<Single>(order)) << order;
+        EXPECT_LE(std::sqrt(error / checked / perBin), ErrorBound<Single>(order)) << order;
+    }
+}
+
 TEST_P(IppsFft, KeepsTheInstructionSetThatADescriptionWasBuiltFor) {
     constexpr int ORDER = 10, N = 1 << ORDER;
     Plan<Single> plan(ORDER, IPP_FFT_NODIV_BY_ANY);

@@ -1,0 +1,91 @@
+// Nothing allocates while samples flow: all memory of a transform, filter or vector call is the caller's, obtained at
+// set-up. Allocations of this whole process are counted, which is why the calls of libc stand here.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "dsp.h"
+#include "ipps.h"
+#include "ipps_kernels.h"
+
+namespace {
+
+std::atomic<long> allocations{0};
+
+}  // namespace
+
+// Sanitizers bring their own; there only operator new counts.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void* __libc_malloc(std::size_t);
+extern "C" void* __libc_memalign(std::size_t, std::size_t);
+extern "C" void* malloc(std::size_t bytes) {
+    ++allocations;
+    return __libc_malloc(bytes);
+}
+extern "C" void* aligned_alloc(std::size_t alignment, std::size_t bytes) {
+    ++allocations;
+    return __libc_memalign(alignment, bytes);
+}
+#else
+void* operator new(std::size_t bytes) {
+    ++allocations;
+    if (void* const memory = std::malloc(bytes)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#endif
+
+namespace {
+
+TEST(IppsAllocation, CountsWhatIsAllocated) {
+    const long before = allocations;
+    const auto one = std::make_unique<std::vector<float>>(100);
+    EXPECT_GE(allocations, before + 2) << one->size();
+}
+
+class IppsAllocationFree : public testing::TestWithParam<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Sets, IppsAllocationFree, testing::Values("sse41", "avx2", "avx512"),
+                         [](const auto& set) { return std::string(set.param); });
+
+TEST_P(IppsAllocationFree, WhileSamplesFlow) {
+    const ipps_detail::KernelSet* const set = ipps_detail::KernelsFor(GetParam());
+    if (set == nullptr) GTEST_SKIP() << "no " << GetParam();
+    const ipps_detail::KernelOverride chosen(*set);
+
+    constexpr int N = 1 << 18;
+    std::vector<Ipp32fc> in(N, {0.5F, -0.25F}), out(N);
+    std::vector<float> values(N, 0.5F);
+    const std::vector<Ipp16sc> samples(N, {1000, -1000});
+    for (const int order : {3, 6, 10, 14, 18}) {
+        DSP::FFT_32fc single(order, IPP_FFT_DIV_FWD_BY_N, ippAlgHintFast);
+        const long before = allocations;
+        single.FwdFFT(in.data(), out.data());
+        single.InvFFT(out.data(), in.data());
+        single.FwdFFT_I(out.data());
+        EXPECT_EQ(allocations, before) << "order " << order;
+    }
+    for (const int taps : {1, 31, 129, 2049}) {  // direct and by transforms
+        DSP::FIR_32fc filter(std::vector<Ipp32fc>(static_cast<std::size_t>(taps), {0.01F, 0.0F}).data(), taps);
+        const long before = allocations;
+        for (const int length : {1, 100, 4096, 100000}) filter.Filter(in.data(), out.data(), length);
+        EXPECT_EQ(allocations, before) << taps << " taps";
+    }
+    DSP::IQFreqTuner_32fc fast(0.1, N, false), accurate(0.1, N, true);
+    const long before = allocations;
+    fast.Tune(in.data(), out.data(), N);
+    accurate.Tune(in.data(), out.data(), N);
+    ippsPowerSpectr_32fc(in.data(), values.data(), N);
+    ippsLn_32f(values.data(), values.data(), N);
+    ippsExp_32f_I(values.data(), N);
+    ippsMagnitude_32fc(in.data(), values.data(), N);
+    DSP::Convert_16sc32fc(samples.data(), out.data(), N);
+    EXPECT_EQ(allocations, before);
+}
+
+}  // namespace
