@@ -36,7 +36,7 @@ find_package(tq_api 1.0 REQUIRED)
 add_executable(client client.cpp)
 target_link_libraries(client PRIVATE tq::tq_api)
 C
-cmake -S "$scratch" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$scratch/usr" >/dev/null
+cmake -S "$scratch" -B "$scratch/build" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/usr" >/dev/null
 cmake --build "$scratch/build" >/dev/null
 "$scratch/build/client"
 echo "installation: headers, library, pkg-config and CMake package work"
