@@ -18,7 +18,8 @@
 // a lock, on libusb's thread and on ours; each table works with its own copy, whatever it caught. umockdev hands over
 // to its GLib thread by futex. libusb's synchronous requests wait on a plain int that any pumping thread may set.
 extern "C" [[gnu::visibility("default")]] const char* __tsan_default_suppressions() {
-    return "race:libudev.so.1\nrace:libumockdev.so.0\nrace:^libusb_free_transfer$\nrace:^libusb_control_transfer$\n";
+    return "race:libudev.so.1\nrace:libumockdev.so.0\nrace:libglib-2.0.so.0\nrace:^libusb_free_transfer$\nrace:^libusb_"
+           "control_transfer$\n";
 }
 #endif
 
