@@ -310,35 +310,4 @@ TEST_P(IppsFft, PacksTheSpectrumOfRealsAndUnpacksIt) {
     }
 }
 
-TEST(IppsFftArguments, AreCheckedBeforeAnythingIsWritten) {
-    int a = -7, b = -7, c = -7;
-    Plan<Single> plan(4, 8);
-    Ipp32fc data[16] = {};
-    IppsFFTSpec_C_32fc* usable = nullptr;
-    Ipp8u* const work = plan.buffer.data();
-    const struct {
-        const char* what;
-        IppStatus got, want;
-    } rows[] = {
-        {"null size", ippsFFTGetSize_C_32fc(4, 1, ippAlgHintNone, &a, nullptr, &c), ippStsNullPtrErr},
-        {"order -1", ippsFFTGetSize_C_32fc(-1, 1, ippAlgHintNone, &a, &b, &c), ippStsFftOrderErr},
-        {"order 26", ippsFFTGetSize_C_64fc(26, 1, ippAlgHintNone, &a, &b, &c), ippStsFftOrderErr},
-        {"flag 3", ippsFFTGetSize_R_64f(4, 3, ippAlgHintNone, &a, &b, &c), ippStsFftFlagErr},
-        {"init order", ippsFFTInit_C_32fc(&usable, 26, 1, ippAlgHintNone, work, nullptr), ippStsFftOrderErr},
-        {"init flag", ippsFFTInit_C_32fc(&usable, 4, 0, ippAlgHintNone, work, nullptr), ippStsFftFlagErr},
-        {"init null", ippsFFTInit_C_32fc(&usable, 4, 1, ippAlgHintNone, nullptr, nullptr), ippStsNullPtrErr},
-        {"null source", ippsFFTFwd_CToC_32fc(nullptr, data, plan.usable, work), ippStsNullPtrErr},
-        {"null result", ippsFFTInv_CToC_32fc(data, nullptr, plan.usable, work), ippStsNullPtrErr},
-        {"null description", ippsFFTFwd_CToC_32fc(data, data, nullptr, work), ippStsNullPtrErr},
-        {"null buffer", ippsFFTInv_CToC_32fc(data, data, plan.usable, nullptr), ippStsNullPtrErr},
-    };
-    for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;
-    EXPECT_EQ(a, -7);
-    EXPECT_EQ(b, -7);
-    EXPECT_EQ(c, -7);
-    EXPECT_EQ(usable, nullptr);
-    EXPECT_EQ(ippsFFTGetSize_C_64fc(25, 1, ippAlgHintNone, &a, &b, &c), ippStsNoErr);
-    EXPECT_GE(c, 1 << 29);  // the work buffer holds a transform of 16 bytes each
-}
-
 }  // namespace

@@ -124,18 +124,6 @@ struct Trial {
         SumEnergy();
     }
 
-    // The first inputs become so much louder.
-    void Amplify(int count, float gain) {
-        for (int n = 0; n < count; ++n) {
-            if constexpr (std::is_same_v<S, Ipp32fc>) {
-                stream[Size(n)] = {stream[Size(n)].re * gain, stream[Size(n)].im * gain};
-            } else {
-                stream[Size(n)] *= gain;
-            }
-        }
-        SumEnergy();
-    }
-
     const S* Src() const { return stream.data() + taps.size() - 1; }
     std::span<const S> Past() const { return std::span(stream).first(taps.size() - 1); }
     std::span<const S> After() const { return std::span(stream).last(taps.size() - 1); }
@@ -239,64 +227,6 @@ TYPED_TEST(IppsFir, IsTheConvolutionHoweverTheStreamIsCut) {
     });
 }
 
-// Direct filters read nothing but an output's own inputs, whatever group it is computed in.
-TYPED_TEST(IppsFir, KeepsWhatIsNoNumberToItsOwnOutputs) {
-    using S = typename TypeParam::S;
-    constexpr int LEN = 400, PLACE = 211;
-    OnEachSet([&] {
-        for (const int tapsLen : {1, 3, 8, 45}) {
-            Trial<TypeParam> trial(tapsLen, LEN, false);
-            S bad = {};
-            if constexpr (std::is_same_v<S, Ipp32fc>) {
-                bad.re = std::nanf("");
-            } else {
-                bad = std::numeric_limits<S>::infinity();
-            }
-            trial.stream[static_cast<std::size_t>(PLACE + tapsLen - 1)] = bad;
-            Fir<TypeParam> fir(trial.taps, ippAlgDirect);
-            std::vector<S> delay(trial.Past().begin(), trial.Past().end()), out(LEN);
-            delay.resize(static_cast<std::size_t>(tapsLen));
-            ASSERT_EQ(fir.Run(trial.Src(), out.data(), LEN, delay.data()), ippStsNoErr);
-            for (int n = 0; n < LEN; ++n) {
-                ASSERT_EQ(std::isfinite(std::abs(Wide(out[static_cast<std::size_t>(n)]))),
-                          n < PLACE || n >= PLACE + tapsLen)
-                    << n << " of " << tapsLen << " taps";
-            }
-        }
-    });
-}
-
-// What is loud stays within its segments: the bound of later outputs knows nothing of it.
-TEST(IppsFirTransforms, ForgetLoudSegments) {
-    OnEachSet([&] {
-        constexpr int LEN = 6000;
-        Trial<Complex32> trial(129, LEN, true);
-        trial.Amplify(300, 1e9F);
-        Fir<Complex32> fir(trial.taps);
-        std::vector<Ipp32fc> delay(trial.Past().begin(), trial.Past().end()), out(LEN);
-        ASSERT_EQ(fir.Run(trial.Src(), out.data(), LEN, delay.data()), ippStsNoErr);
-        for (int n = 0; n < LEN; n += 7) {
-            ASSERT_LE(std::abs(Wide(out[static_cast<std::size_t>(n)]) - trial.Truth(n)), trial.TransformBound(n, 1))
-                << n;
-        }
-    });
-}
-
-// Real taps cost less than complex ones, but their filter is the same.
-TEST(IppsFirTransforms, TakeRealTapsLikeComplexOnes) {
-    OnEachSet([&] {
-        Trial<Complex32> trial(19, 500, true);
-        Fir<Complex32> real(trial.taps, ippAlgDirect);
-        trial.taps.back().im = 1e-30F;  // no effect but on the choice
-        Fir<Complex32> complex(trial.taps, ippAlgDirect);
-        std::vector<Ipp32fc> past(18), a(500), b(500);
-        real.Run(trial.Src(), a.data(), 500, past.data());
-        std::ranges::fill(past, Ipp32fc{});
-        complex.Run(trial.Src(), b.data(), 500, past.data());
-        for (std::size_t n = 0; n < a.size(); ++n) ASSERT_LE(std::abs(Wide(a[n]) - Wide(b[n])), 1e-28) << n;
-    });
-}
-
 struct DownFilter {
     DownFilter(const std::vector<Ipp32fc>& taps, int factor)
         : bytes(Sizes(static_cast<int>(taps.size()), factor)), specMem(bytes.spec, 1), work(bytes.work, 3) {
@@ -355,70 +285,6 @@ TEST(IppsFirDown, IsTheFilterThenTheSampleDown) {
     });
 }
 
-TEST(IppsFirDown, ChecksItsArguments) {
-    const std::vector<Ipp32fc> taps = {{1, 0}, {0, 1}};
-    DownFilter filter(taps, 3);
-    Ipp32fc data[4] = {}, out[4], delay[1] = {};
-    int count = 0, phase = 0, three = 3, below = -1, a = 0, b = 0;
-    const auto run = [&](const Ipp32fc* src, int len, Ipp32fc* past, int* at) {
-        return FirDown_32fc(src, len, out, &count, filter.Spec(), past, past, at, filter.work.data());
-    };
-    const struct {
-        const char* what;
-        IppStatus got, want;
-    } rows[] = {
-        {"no source", run(nullptr, 4, delay, &phase), ippStsNullPtrErr},
-        {"no delay line", run(data, 4, nullptr, &phase), ippStsNullPtrErr},
-        {"no phase", run(data, 4, delay, nullptr), ippStsNullPtrErr},
-        {"negative length", run(data, -1, delay, &phase), ippStsSizeErr},
-        {"phase 3", run(data, 4, delay, &three), ippStsBadArgErr},
-        {"phase -1", run(data, 4, delay, &below), ippStsBadArgErr},
-        {"0 taps", FirDownGetSize_32fc(0, 3, &a, &b), ippStsSizeErr},
-        {"factor 0", FirDownGetSize_32fc(2, 0, &a, &b), ippStsBadArgErr},
-        {"size beyond int", FirDownGetSize_32fc(1 << 29, 2, &a, &b), ippStsSizeErr},
-        {"init with factor 0", FirDownInit_32fc(taps.data(), 2, 0, filter.Spec()), ippStsBadArgErr},
-        {"init without taps", FirDownInit_32fc(nullptr, 2, 3, filter.Spec()), ippStsNullPtrErr},
-    };
-    for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;
-}
-
-TEST(IppsFirArguments, AreChecked) {
-    const std::vector<float> one = {2.0F}, two = {1.0F, 1.0F};
-    Fir<Real32> single(one), pair(two);
-    float data[3] = {1, 2, 3}, delay[1] = {};
-    int a = 0, b = 0;
-    EXPECT_EQ(single.Run(data, data, 3, nullptr), ippStsNoErr);
-    EXPECT_EQ(data[2], 6.0F);
-    double taps[5];
-    const double inf = std::numeric_limits<double>::infinity();
-    const auto design = [&](double freq, int len, IppWinType type) {
-        return ippsFIRGenLowpass_64f(freq, taps, len, type, ippTrue, nullptr);
-    };
-    const struct {
-        const char* what;
-        IppStatus got, want;
-    } rows[] = {
-        {"no delay line", pair.Run(data, data, 3, nullptr), ippStsNullPtrErr},
-        {"no source", pair.Run(nullptr, data, 3, delay), ippStsNullPtrErr},
-        {"negative length", pair.Run(data, data, -1, delay), ippStsSizeErr},
-        {"no description", ippsFIRSR_32f(data, data, 3, nullptr, delay, delay, pair.work.data()), ippStsNullPtrErr},
-        {"no buffer", ippsFIRSR_32f(data, data, 3, pair.Spec(), delay, delay, nullptr), ippStsNullPtrErr},
-        {"no taps", ippsFIRSRInit_32f(nullptr, 2, ippAlgAuto, pair.Spec()), ippStsNullPtrErr},
-        {"0 taps", ippsFIRSRInit_32f(data, 0, ippAlgAuto, pair.Spec()), ippStsSizeErr},
-        {"size of 0 taps", ippsFIRSRGetSize(0, ipp32f, &a, &b), ippStsSizeErr},
-        {"size beyond int", ippsFIRSRGetSize(1 << 29, ipp32fc, &a, &b), ippStsSizeErr},
-        {"type", ippsFIRSRGetSize(5, static_cast<IppDataType>(15), &a, &b), ippStsBadArgErr},
-        {"no size", ippsFIRSRGetSize(5, ipp32f, nullptr, &b), ippStsNullPtrErr},
-        {"design of 4 taps", design(0.1, 4, ippWinRect), ippStsSizeErr},
-        {"cut-off 0", design(0.0, 5, ippWinRect), ippStsRelFreqErr},
-        {"cut-off 0.5", design(0.5, 5, ippWinRect), ippStsRelFreqErr},
-        {"cut-off inf", design(inf, 5, ippWinRect), ippStsRelFreqErr},
-        {"cut-off NaN", design(inf - inf, 5, ippWinRect), ippStsRelFreqErr},
-        {"window", design(0.1, 5, static_cast<IppWinType>(5)), ippStsBadArgErr},
-    };
-    for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;
-}
-
 // Taps 0 to 2 of 5, cut-off 0.2, worked out by hand from the closed forms.
 TEST(IppsFirDesign, MatchesTheWindowedSinc) {
     const double sinc[3] = {std::sin(0.8 * PI) / (2 * PI), std::sin(0.4 * PI) / PI, 0.4};
@@ -450,28 +316,6 @@ TEST(IppsFirDesign, AdjustsItsBlackmanWindowToTheLength) {
     ASSERT_EQ(ippsFIRGenLowpass_64f(0.07, plain, 9, ippWinRect, ippFalse, nullptr), ippStsNoErr);
     const double window[5] = {0.0, 0.0, 0.2071067811865475, 0.7071067811865475, 1.0};
     for (int n = 0; n < 5; ++n) EXPECT_NEAR(windowed[n] / plain[n], window[n], 1e-14) << n;
-}
-
-TEST(IppsFirDesign, PassesBelowAndStopsAboveTheCutOff) {
-    for (const int tapsLen : {1024, 2049}) {
-        const double cutoff = 0.11;
-        std::vector<double> taps(static_cast<std::size_t>(tapsLen));
-        ASSERT_EQ(ippsFIRGenLowpass_64f(cutoff, taps.data(), tapsLen, ippWinBlackman, ippTrue, nullptr), ippStsNoErr);
-        const auto gain = [&](double freq) {
-            Complex sum = 0.0;
-            for (int n = 0; n < tapsLen; ++n)
-                sum += taps[static_cast<std::size_t>(n)] * std::polar(1.0, -2 * PI * freq * n);
-            return std::abs(sum);
-        };
-        // The main lobe of this window is 3 bins to each side; within it the cut-off is the half-way point.
-        const double lobe = 3.0 / tapsLen;
-        EXPECT_NEAR(gain(0.0), 1.0, 1e-12);
-        EXPECT_NEAR(gain(cutoff), 0.5, 1e-3);
-        for (const double away : {1.1, 2.0, 10.0}) {
-            EXPECT_NEAR(gain(cutoff - away * lobe), 1.0, 5e-3) << away;
-            EXPECT_LE(gain(cutoff + away * lobe), 5e-3) << away;
-        }
-    }
 }
 
 // |H|^2 = 1 / (1 + eps^2 T^2(x)), with T the Chebyshev polynomial and x the pre-warped frequency over that of the
@@ -551,43 +395,6 @@ TEST(IppsIir, IsItsDifferenceEquationHoweverTheStreamIsCut) {
         ippsIIR_32f(&silence, &first, 1, state);
         EXPECT_EQ(first, 0.25F);
     }
-}
-
-TEST(IppsIirArguments, AreChecked) {
-    double taps[26];
-    const auto design = [&](double freq, double ripple, int order, IppsIIRFilterType type) {
-        return ippsIIRGenLowpass_64f(freq, ripple, order, taps, type, nullptr);
-    };
-    int size = 0;
-    std::vector<Ipp8u> memory(4096);
-    IppsIIRState_32f* state = nullptr;
-    const float zeroA0[4] = {1, 1, 0, 1}, fine[4] = {1, 1, 1, 0};
-    ASSERT_EQ(ippsIIRInit_32f(&state, fine, 1, nullptr, memory.data()), ippStsNoErr);
-    float data[2] = {};
-    const double nan = std::nan("");
-    const struct {
-        const char* what;
-        IppStatus got, want;
-    } rows[] = {
-        {"order 0", design(0.1, 1, 0, ippChebyshev1), ippStsSizeErr},
-        {"order 13", design(0.1, 1, 13, ippChebyshev1), ippStsSizeErr},
-        {"edge 0", design(0.0, 1, 2, ippChebyshev1), ippStsRelFreqErr},
-        {"edge 0.5", design(0.5, 1, 2, ippChebyshev1), ippStsRelFreqErr},
-        {"edge NaN", design(nan, 1, 2, ippChebyshev1), ippStsRelFreqErr},
-        {"ripple 0", design(0.1, 0, 2, ippChebyshev1), ippStsRippleErr},
-        {"ripple 30", design(0.1, 30, 2, ippChebyshev1), ippStsRippleErr},
-        {"type", design(0.1, 1, 2, ippButterworth), ippStsBadArgErr},
-        {"null taps", ippsIIRGenHighpass_64f(0.1, 1, 2, nullptr, ippChebyshev1, nullptr), ippStsNullPtrErr},
-        {"design size", ippsIIRGenGetBufferSize(13, &size), ippStsSizeErr},
-        {"state size", ippsIIRGetStateSize_32f(0, &size), ippStsSizeErr},
-        {"state beyond int", ippsIIRGetStateSize_32f(std::numeric_limits<int>::max(), &size), ippStsSizeErr},
-        {"init order", ippsIIRInit_32f(&state, fine, 0, nullptr, memory.data()), ippStsSizeErr},
-        {"A0", ippsIIRInit_32f(&state, zeroA0, 1, nullptr, memory.data()), ippStsDivByZeroErr},
-        {"null state memory", ippsIIRInit_32f(&state, fine, 1, nullptr, nullptr), ippStsNullPtrErr},
-        {"null state", ippsIIR_32f(data, data, 2, nullptr), ippStsNullPtrErr},
-        {"length", ippsIIR_32f_I(data, -1, state), ippStsSizeErr},
-    };
-    for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;
 }
 
 }  // namespace

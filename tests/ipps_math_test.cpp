@@ -141,31 +141,6 @@ TEST_P(IppsMathFunction, IsAccurateAroundItsSeams) {
     }
 }
 
-TEST_P(IppsMathFunction, TakesEveryLengthAndStart) {
-    const auto run = [this](int len, int offset, bool inPlace) {
-        Values values;
-        Guarded<float> src(len, offset);
-        Guarded<float> separate(len, 3 - offset);
-        std::vector<double> want;
-        for (int n = 0; n < len; ++n) {
-            values.Next(src[n]);
-            want.push_back(Tested().truth(static_cast<double>(src[n])));
-        }
-        float* const dst = inPlace ? src.data() : separate.data();
-        ASSERT_GE(Tested().op(src.data(), dst, len), 0);
-        for (int n = 0; n < len; ++n) {
-            ASSERT_TRUE(Agrees(dst[n], want[static_cast<std::size_t>(n)], Tested().ulps))
-                << "element " << n << " of " << len << ", offset " << offset << ", in place " << inPlace;
-        }
-    };
-    for (const bool inPlace : {false, true}) {
-        for (const int offset : {0, 1, 3}) {
-            for (int len = 0; len <= 33; ++len) run(len, offset, inPlace);
-            run(5003, offset, inPlace);
-        }
-    }
-}
-
 class IppsMath : public OnSet<const char*> {
 protected:
     void SetUp() override { Use(GetParam()); }
@@ -236,22 +211,6 @@ TEST_P(IppsMath, PhaseOfSpecialValuesIsThatOfTheCLibrary) {
         }
     }
     ExpectPhases(src);
-}
-
-TEST_P(IppsMath, PhaseTakesEveryLengthAndStart) {
-    for (const int offset : {0, 1, 3}) {
-        for (int len = 0; len <= 33; ++len) {
-            Values values;
-            Guarded<Ipp32fc> src(len, offset);
-            Guarded<float> dst(len, 3 - offset);
-            for (int n = 0; n < len; ++n) values.Next(src[n]);
-            ASSERT_EQ(ippsPhase_32fc(src.data(), dst.data(), len), ippStsNoErr);
-            for (int n = 0; n < len; ++n) {
-                const double want = std::atan2(static_cast<double>(src[n].im), static_cast<double>(src[n].re));
-                ASSERT_TRUE(Agrees(dst[n], want, PHASE_ULPS)) << n << " of " << len << ", offset " << offset;
-            }
-        }
-    }
 }
 
 }  // namespace

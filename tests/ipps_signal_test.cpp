@@ -1,6 +1,7 @@
 #include <numbers>
 
 #include "ipps.h"
+#include "ipps_fir_down.h"
 #include "ipps_test_support.h"
 
 using ipps_test::Guarded;
@@ -44,18 +45,10 @@ TEST(IppsTone, KeepsItsPhaseOverLongLengthsAndAcrossBlocks) {
     }
 }
 
-TEST(IppsTone, QuarterTurnsComeBackToPhase0) {
-    double phase = 0.0;
-    Guarded<Ipp64fc> tone(4, 1);
-    ASSERT_EQ(ippsTone_64fc(tone.data(), 4, 1.0, 0.25, &phase, ippAlgHintFast), ippStsNoErr);
-    const double want[4][2] = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}};
-    for (int n = 0; n < 4; ++n) {
-        EXPECT_NEAR(tone[n].re, want[n][0], 1e-15);
-        EXPECT_NEAR(tone[n].im, want[n][1], 1e-15);
-    }
-    EXPECT_EQ(phase, 0.0);
-    phase = -1e-18;  // plus a full turn this is the full turn itself, which is phase 0
-    ippsTone_64fc(tone.data(), 4, 1.0, 0.0, &phase, ippAlgHintFast);
+TEST(IppsTone, AFullTurnIsPhase0) {
+    double phase = -1e-18;  // plus a full turn this is the full turn itself
+    Ipp64fc tone;
+    ASSERT_EQ(ippsTone_64fc(&tone, 1, 1.0, 0.0, &phase, ippAlgHintFast), ippStsNoErr);
     EXPECT_EQ(phase, 0.0);
 }
 
@@ -95,64 +88,53 @@ TEST(IppsSampleDown, ContinuesWhereTheLastBlockEnded) {
     EXPECT_EQ(phase, 1);
 }
 
-TEST(IppsWindow, BlackmanTapersFromTheMiddleToZero) {
-    double window[5] = {2, 2, 2, 2, 2};
-    ASSERT_EQ(ippsWinBlackmanStd_64f_I(window, 5), ippStsNoErr);
-    const double want[5] = {0.0, 0.68, 2.0, 0.68, 0.0};
-    for (int n = 0; n < 5; ++n) EXPECT_NEAR(window[n], want[n], 1e-15);
-}
-
-TEST(IppsTranspose, MovesEachElementAndLeavesThePaddingAlone) {
-    const struct {
-        int width, height, srcPad, dstPad;
-    } rows[] = {{1, 1, 0, 0}, {5, 3, 2, 1}, {16, 16, 0, 0}, {17, 33, 3, 5}, {100, 47, 0, 4}};
-    for (const auto& row : rows) {
-        const int srcStride = row.width + row.srcPad, dstStride = row.height + row.dstPad;
-        Guarded<float> src(srcStride * row.height, 1), dst(dstStride * row.width, 1);
-        for (int n = 0; n < src.size(); ++n) src[n] = static_cast<float>(n);
-        for (int n = 0; n < dst.size(); ++n) dst[n] = -1.0F;
-        ASSERT_EQ(ippiTranspose_32f_C1R(src.data(), srcStride * 4, dst.data(), dstStride * 4, {row.width, row.height}),
-                  ippStsNoErr);
-        for (int y = 0; y < row.width; ++y) {
-            for (int x = 0; x < dstStride; ++x) {
-                ASSERT_EQ(dst[y * dstStride + x], x < row.height ? src[x * srcStride + y] : -1.0F) << x << ',' << y;
-            }
-        }
-    }
+TEST(IppsTranspose, TurnsASquareInItsPlace) {
     float square[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
     const float turned[9] = {1, 4, 7, 2, 5, 8, 3, 6, 9};
     ASSERT_EQ(ippiTranspose_32f_C1R(square, 12, square, 12, {3, 3}), ippStsNoErr);
     EXPECT_EQ(std::memcmp(square, turned, sizeof(square)), 0);
 }
 
-TEST(IppsSignal, RejectsBadArguments) {
+// What planners compute and clients ask for reaches these: sizes beyond int, and frequencies that are none.
+TEST(IppsArguments, OutOfRangeAreRefused) {
+    constexpr int HUGE_LEN = 1 << 29, LAST = std::numeric_limits<int>::max();
+    const double nan = std::nan("");
     Ipp64fc tone[4];
-    double phase = 0.0, window[3] = {};
-    float a[16] = {}, b[16] = {};
-    int len = 0, offset = 0, tooFar = 2, negative = -1;
-    const auto transpose = [&](int srcStep, int dstStep, int width, int height) {
-        return ippiTranspose_32f_C1R(a, srcStep, b, dstStep, {width, height});
+    double phase = 0.0, taps[26];
+    float a[16] = {}, zeroA0[4] = {1, 1, 0, 1};
+    Ipp16s s[4] = {};
+    Ipp8u memory[4096];
+    int x = 0, y = 0, z = 0, past = 2;
+    IppsIIRState_32f* state = nullptr;
+    const auto lowpass = [&](double freq) {
+        return ippsFIRGenLowpass_64f(freq, taps, 5, ippWinRect, ippTrue, nullptr);
+    };
+    const auto chebyshev = [&](double freq, double ripple, int order) {
+        return ippsIIRGenLowpass_64f(freq, ripple, order, taps, ippChebyshev1, nullptr);
     };
     const struct {
         const char* what;
         IppStatus got, want;
     } rows[] = {
-        {"null tone", ippsTone_64fc(nullptr, 4, 1, 0.1, &phase, ippAlgHintFast), ippStsNullPtrErr},
-        {"null phase", ippsTone_64fc(tone, 4, 1, 0.1, nullptr, ippAlgHintFast), ippStsNullPtrErr},
-        {"tone length", ippsTone_64fc(tone, -1, 1, 0.1, &phase, ippAlgHintFast), ippStsSizeErr},
+        {"order of 26", ippsFFTGetSize_C_64fc(26, 1, ippAlgHintNone, &x, &y, &z), ippStsFftOrderErr},
+        {"flag 3", ippsFFTGetSize_R_64f(4, 3, ippAlgHintNone, &x, &y, &z), ippStsFftFlagErr},
+        {"filter beyond int", ippsFIRSRGetSize(HUGE_LEN, ipp32fc, &x, &y), ippStsSizeErr},
+        {"no taps", ippsFIRSRGetSize(0, ipp32f, &x, &y), ippStsSizeErr},
+        {"decimator beyond int", ipps_detail::FirDownGetSize_32fc(HUGE_LEN, 2, &x, &y), ippStsSizeErr},
+        {"decimator by 0", ipps_detail::FirDownGetSize_32fc(2, 0, &x, &y), ippStsBadArgErr},
+        {"cut-off 0.5", lowpass(0.5), ippStsRelFreqErr},
+        {"cut-off NaN", lowpass(nan), ippStsRelFreqErr},
+        {"edge NaN", chebyshev(nan, 1, 2), ippStsRelFreqErr},
+        {"ripple 0", chebyshev(0.1, 0, 2), ippStsRippleErr},
+        {"order 13", chebyshev(0.1, 1, 13), ippStsSizeErr},
+        {"state beyond int", ippsIIRGetStateSize_32f(LAST, &x), ippStsSizeErr},
+        {"A0", ippsIIRInit_32f(&state, zeroA0, 1, nullptr, memory), ippStsDivByZeroErr},
         {"frequency 1", ippsTone_64fc(tone, 4, 1, 1.0, &phase, ippAlgHintFast), ippStsRelFreqErr},
-        {"frequency below 0", ippsTone_64fc(tone, 4, 1, -0.1, &phase, ippAlgHintFast), ippStsRelFreqErr},
-        {"frequency NaN", ippsTone_64fc(tone, 4, 1, std::nan(""), &phase, ippAlgHintFast), ippStsRelFreqErr},
-        {"null count", ippsSampleDown_32f(a, 4, b, nullptr, 2, &offset), ippStsNullPtrErr},
-        {"factor 0", ippsSampleDown_32f(a, 4, b, &len, 0, &offset), ippStsBadArgErr},
-        {"offset of the factor", ippsSampleDown_32f(a, 4, b, &len, 2, &tooFar), ippStsBadArgErr},
-        {"offset below 0", ippsSampleDown_32f(a, 4, b, &len, 2, &negative), ippStsBadArgErr},
-        {"window of 2", ippsWinBlackmanStd_64f_I(window, 2), ippStsSizeErr},
-        {"null window", ippsWinBlackmanStd_64f_I(nullptr, 3), ippStsNullPtrErr},
-        {"short source row", transpose(12, 16, 4, 4), ippStsSizeErr},
-        {"short result row", transpose(16, 12, 4, 4), ippStsSizeErr},
-        {"row of broken floats", transpose(18, 16, 4, 4), ippStsSizeErr},
-        {"negative width", transpose(16, 16, -1, 4), ippStsSizeErr},
+        {"frequency NaN", ippsTone_64fc(tone, 4, 1, nan, &phase, ippAlgHintFast), ippStsRelFreqErr},
+        {"offset of the factor", ippsSampleDown_32f(a, 4, a, &x, 2, &past), ippStsBadArgErr},
+        {"scale to float", ippsConvert_16s32f_Sfs(s, a, 4, 65), ippStsScaleRangeErr},
+        {"negative length", ippsAdd_32f(a, a, a, -1), ippStsSizeErr},
+        {"null before length", ippsAdd_32f(a, nullptr, a, -1), ippStsNullPtrErr},
         {"in place, not square", ippiTranspose_32f_C1R(a, 16, a, 16, {4, 2}), ippStsSizeErr},
     };
     for (const auto& row : rows) EXPECT_EQ(row.got, row.want) << row.what;

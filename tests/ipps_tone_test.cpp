@@ -46,23 +46,4 @@ TEST(IppsTone, IsWithinAFewRoundingsAndTheSameOnAllSets) {
     }
 }
 
-TEST(IppsTone, WritesItsLengthAndNoMore) {
-    for (const char* name : SET_NAMES) {
-        if (KernelsFor(name) == nullptr) continue;
-        const KernelOverride use(*KernelsFor(name));
-        Guarded<Ipp64fc> whole(300);
-        double phase = 1.0;
-        ippsTone_64fc(whole.data(), 300, 1.0, 0.0625, &phase, ippAlgHintFast);
-        for (int len = 0; len <= 300; len += len < 40 ? 1 : 43) {
-            Guarded<Ipp64fc> tone(len, len % 3);
-            phase = 1.0;
-            ASSERT_EQ(ippsTone_64fc(tone.data(), len, 1.0, 0.0625, &phase, ippAlgHintFast), ippStsNoErr);
-            for (int n = 0; n < len; ++n) {
-                ASSERT_EQ(tone[n].re, whole[n].re) << name << ' ' << len;
-                ASSERT_EQ(tone[n].im, whole[n].im) << name << ' ' << len;
-            }
-        }
-    }
-}
-
 }  // namespace
