@@ -13,6 +13,14 @@ void Flash::ReadPage(unsigned page, std::span<std::uint8_t> dst) const {
     }
 }
 
+std::vector<std::uint8_t> Flash::Read(unsigned page, unsigned count) const {
+    std::vector<std::uint8_t> bytes(count * FLASH_PAGE_BYTES);
+    for (unsigned i = 0; i < count; ++i) {
+        ReadPage(page + i, std::span(bytes).subspan(i * FLASH_PAGE_BYTES, FLASH_PAGE_BYTES));
+    }
+    return bytes;
+}
+
 void Flash::WritePage(unsigned page, std::span<const std::uint8_t> data) {
     std::unique_ptr<Page>& slot = pages[page % FLASH_PAGES];
     if (!slot) {

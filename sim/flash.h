@@ -16,12 +16,17 @@ inline constexpr std::size_t FLASH_PAGE_BYTES = 1024;
 inline constexpr unsigned FLASH_PAGES = 65536;
 inline constexpr unsigned FLASH_READ_PAGES = 32;
 inline constexpr unsigned FLASH_ERASE_PAGES = 256;
+inline constexpr unsigned FLASH_BOOT_PAGE = 0;       // firmware images, one erase sector each: boot program,
+inline constexpr unsigned FLASH_RUN_PAGE = 49152;    // and run program
 inline constexpr unsigned FLASH_RECORD_PAGE = 4096;  // calibration record, byte 0x400000
 
 class Flash {
 public:
     // A page's content; `dst` takes at most FLASH_PAGE_BYTES. Page numbers wrap at the end of the flash.
     void ReadPage(unsigned page, std::span<std::uint8_t> dst) const;
+
+    // The content of several pages.
+    std::vector<std::uint8_t> Read(unsigned page, unsigned count) const;
 
     // Programs a page: bits can only go from 1 to 0, as in NOR flash.
     void WritePage(unsigned page, std::span<const std::uint8_t> data);

@@ -6,7 +6,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <utility>
+
+#include <unistd.h>
 
 namespace sim {
 namespace {
@@ -28,6 +32,8 @@ constexpr std::uint64_t CACHED_PACKETS = 256;                   // from the star
 constexpr std::uint64_t SECONDS_BEFORE = 10;  // age of the counter when the host first sees the instrument
 constexpr std::uint64_t LOCK_TICKS = 614;     // the synthesiser settles in 5 us
 constexpr std::size_t KEPT_BYTES = 4096;      // of what went out of the side ports
+
+constexpr std::chrono::microseconds LOCKSTEP_POLL{20};
 
 // Aux packet.
 constexpr std::uint32_t AUX_MAGIC = 0x41555831;
@@ -53,6 +59,21 @@ void Put32(std::uint8_t* at, std::uint32_t value) {
 void Put64(std::uint8_t* at, std::uint64_t value) {
     Put32(at, static_cast<std::uint32_t>(value));
     Put32(at + 4, static_cast<std::uint32_t>(value >> 32));
+}
+
+// Whether any thread of this process but the caller's has work to do: is not asleep, whatever it waits for.
+bool OthersRun() {
+    const std::string self = std::to_string(gettid());
+    std::error_code error;  // a thread that ends meanwhile is none of ours
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+        if (task.path().filename() == self) continue;
+        std::ifstream file(task.path() / "stat");
+        std::string text;
+        std::getline(file, text);
+        const std::size_t state = text.rfind(") ");  // the name in front of it may hold anything
+        if (state != std::string::npos && text[state + 2] != 'S') return true;
+    }
+    return false;
 }
 
 // Delay between a trigger edge and the sample stream, in ticks, by the decimation behind the converter.
@@ -131,6 +152,11 @@ void Faults::FailFlashPage(unsigned page) {
     badPages.insert(page);
 }
 
+void Faults::DeadFlashPage(unsigned page) {
+    const std::lock_guard lock(mutex);
+    deadPages.insert(page);
+}
+
 void Faults::StartNeverEnds() {
     const std::lock_guard lock(mutex);
     neverStarts = true;
@@ -145,6 +171,7 @@ void Faults::Clear() {
     const std::lock_guard lock(mutex);
     armed.clear();
     badPages.clear();
+    deadPages.clear();
     neverStarts = ppsLost = false;
 }
 
@@ -152,6 +179,11 @@ bool Faults::FlashFails(unsigned page, unsigned count) const {
     const std::lock_guard lock(mutex);
     const auto it = badPages.lower_bound(page);
     return it != badPages.end() && *it - page < count;
+}
+
+bool Faults::FlashIsDead(unsigned page) const {
+    const std::lock_guard lock(mutex);
+    return deadPages.contains(page);
 }
 
 bool Faults::NeverStarts() const {
@@ -210,8 +242,20 @@ void Instrument::PowerUp() {
     kept.fanSetPoint = 45 * 16;
 }
 
+void Instrument::PowerCycle() {
+    const std::lock_guard lock(mutex);
+    PowerUp();
+}
+
 void Instrument::Restart(Program next) {
-    program = next;
+    const std::vector<std::uint8_t> boot = flash.Read(FLASH_BOOT_PAGE, FLASH_ERASE_PAGES);
+    const std::vector<std::uint8_t> run = flash.Read(FLASH_RUN_PAGE, FLASH_ERASE_PAGES);
+    bootFirmware = LoadFirmware(boot);
+    runFirmware = LoadFirmware(run);
+    if (bootFirmware) bootFirmware->version = static_cast<std::uint16_t>(boot[boot.size() - 2] << 8 | boot.back());
+    // Where there is nothing, the instrument has its built-in programs; a broken run image takes it nowhere.
+    const bool runnable = runFirmware || std::ranges::all_of(run, [](std::uint8_t byte) { return byte == 0xFF; });
+    program = runnable ? next : Program::boot;
     rejoin = options.rejoinTime;
     PowerUp();
 }
@@ -220,7 +264,9 @@ UsbIdentity Instrument::Identity() const {
     const std::lock_guard lock(mutex);
     std::array<char, 16> serial{};
     std::snprintf(serial.data(), serial.size(), "%08u", options.serial);
-    return {VENDOR_ID, PRODUCT_ID, "Tarnwell", program == Program::run ? "TQ720" : "TQ720 Boot", serial.data()};
+    const std::optional<Firmware>& firmware = program == Program::run ? runFirmware : bootFirmware;
+    return {VENDOR_ID, PRODUCT_ID, "Tarnwell", program == Program::run ? "TQ720" : "TQ720 Boot",
+            firmware && !firmware->serial.empty() ? firmware->serial : serial.data()};
 }
 
 std::optional<std::chrono::milliseconds> Instrument::TakeRejoinRequest() {
@@ -292,7 +338,29 @@ void Instrument::AdvanceTime(std::chrono::nanoseconds time) {
 
 void Instrument::TriggerAt(std::uint64_t mainCounter) {
     const std::lock_guard lock(mutex);
+    PlaceTrigger(mainCounter);
+}
+
+void Instrument::TriggerAtSample(std::uint64_t sample) {
+    const std::lock_guard lock(mutex);
+    if (acquiring) {
+        PlaceTrigger(startTick + sample * ticksPerSample);
+    } else {
+        sampleTriggers.push_back(sample);
+    }
+}
+
+void Instrument::PlaceTrigger(std::uint64_t mainCounter) {
     triggers.insert(std::ranges::upper_bound(triggers, mainCounter), mainCounter);
+}
+
+std::int64_t Instrument::GpsNanosAt(std::uint64_t mainCounter) const {
+    const std::lock_guard lock(mutex);
+    constexpr std::int64_t NANOS = 1000000000;
+    const auto ticks = static_cast<std::int64_t>(mainCounter - SECONDS_BEFORE * TICKS_PER_SECOND - PPS_PHASE_TICKS);
+    constexpr auto PER_SECOND = static_cast<std::int64_t>(TICKS_PER_SECOND);
+    const std::int64_t second = ticks / PER_SECOND - (ticks % PER_SECOND < 0 ? 1 : 0);
+    return (utcAtPowerUp + second) * NANOS + (ticks - second * PER_SECOND) * NANOS / PER_SECOND;
 }
 
 InstrumentCounters Instrument::Counters() const {
@@ -307,6 +375,9 @@ InstrumentState Instrument::State() const {
     state.tune = tune;
     state.tuning = DecodeTuning(tune);
     state.acquiring = acquiring;
+    state.startCounter = startTick;
+    state.ticksPerSample = ticksPerSample;
+    state.samplesAsked = position;
     state.mainCounter = options.speed == Speed::paced ? std::max(execTick, WallTick()) : execTick;
     return state;
 }
@@ -357,11 +428,7 @@ void Instrument::EnsureRecord() const {
 std::vector<std::uint8_t> Instrument::PeekFlash(unsigned page, unsigned pages) const {
     const std::lock_guard lock(mutex);
     EnsureRecord();
-    std::vector<std::uint8_t> bytes(pages * FLASH_PAGE_BYTES);
-    for (unsigned i = 0; i < pages; ++i) {
-        flash.ReadPage(page + i, std::span(bytes).subspan(i * FLASH_PAGE_BYTES, FLASH_PAGE_BYTES));
-    }
-    return bytes;
+    return flash.Read(page, pages);
 }
 
 void Instrument::PlaceFlash(unsigned page, std::span<const std::uint8_t> data) {
@@ -456,7 +523,7 @@ bool Instrument::ExecuteSystemWord(std::span<const std::uint32_t, BLOCK_BYTES / 
         if (faultSet.FlashFails(page, 1)) return false;
         std::array<std::uint8_t, FLASH_PAGE_BYTES> bytes;
         for (std::size_t i = 0; i < PAGE_WORDS; ++i) Put32(&bytes[4 * i], words[index + 1 + i]);
-        flash.WritePage(page, bytes);
+        if (!faultSet.FlashIsDead(page)) flash.WritePage(page, bytes);
         index += PAGE_WORDS;
     }
     return true;
@@ -584,6 +651,10 @@ void Instrument::Start(std::uint32_t code) {
     ticksPerSample = std::uint64_t{1} << code;
     startTick = execTick;
     position = 0;
+    ++counters.starts;
+    for (const std::uint64_t sample : std::exchange(sampleTriggers, {})) {
+        PlaceTrigger(startTick + sample * ticksPerSample);
+    }
 }
 
 void Instrument::Fetch(std::uint32_t request) {
@@ -609,6 +680,7 @@ void Instrument::Fetch(std::uint32_t request) {
         segment.rendition = GetRendition();
         segment.position = position;
         segment.origin = options.speed == Speed::paced ? startTick / ticksPerSample : 0;
+        segment.acquisition = counters.starts - 1;
         position += iqPackets * PACKET_SAMPLES;
         execTick = std::max(execTick, sampleTick(position));
         Push(std::move(segment));
@@ -635,7 +707,7 @@ std::shared_ptr<Instrument::Rendition> Instrument::GetRendition() {
     tune.temperatureC = temperatureC;
     tune.sceneVersion = sceneVersion;
     if (current && current->words == tune) return current;
-    const bool caching = options.speed == Speed::fast && options.cacheBytes > 0;
+    const bool caching = options.speed == Speed::fast && options.cacheBytes > 0 && scene->pattern == Pattern::none;
     if (caching) {
         const auto it = cache.find(tune);
         if (it != cache.end()) {
@@ -692,6 +764,9 @@ BulkInResult Instrument::BulkIn(std::uint8_t endpoint, std::span<std::uint8_t> d
         const std::uint64_t tick = ReadyTick(last - std::min(last, packetsTaken));
         if (tick > WallTick()) return {BulkInResult::Kind::pending, 0, WallTime(tick)};
     }
+    if (options.speed == Speed::lockstep && acquiring && OthersRun()) {
+        return {BulkInResult::Kind::pending, 0, std::chrono::steady_clock::now() + LOCKSTEP_POLL};
+    }
     if (faultSet.Take(Faults::Kind::stall, packets)) return {BulkInResult::Kind::stalled, 0, {}};
     if (const auto fault = faultSet.Take(Faults::Kind::shorter, packets)) {
         const std::uint64_t whole = (fault->at - faultSet.PacketsSoFar()) * PACKET_BYTES;
@@ -746,6 +821,13 @@ void Instrument::TakePacket(std::uint8_t* dst) {
 
 void Instrument::RenderIq(const Segment& segment, std::uint8_t* dst) {
     Rendition& rendition = *segment.rendition;
+    if (rendition.scene->pattern != Pattern::none) {
+        const bool plain = rendition.scene->pattern == Pattern::samples;
+        const std::uint64_t first = plain ? segment.position : segment.acquisition << 16 | (segment.position & 0xFFFF);
+        RenderNumbers(static_cast<std::uint32_t>(first), rendition.words.adcOffset, dst, PACKET_SAMPLES);
+        ++counters.rendered;
+        return;
+    }
     const std::uint64_t packet = segment.position / PACKET_SAMPLES;
     if (rendition.cached && packet < rendition.clipped.size()) {
         std::memcpy(dst, rendition.samples.data() + packet * PACKET_BYTES, PACKET_BYTES);
@@ -769,7 +851,7 @@ void Instrument::RenderIq(const Segment& segment, std::uint8_t* dst) {
 void Instrument::RenderAux(const Segment& segment, std::uint8_t* dst) {
     if (const auto fault = faultSet.Take(Faults::Kind::temperature)) temperatureC = fault->value;
     const std::uint64_t tick = segment.readyTick;
-    const auto newest = std::ranges::upper_bound(triggers, tick);
+    const auto newest = std::ranges::lower_bound(triggers, segment.iqEndTick);
     if (newest != triggers.begin()) {
         latchedTrigger = *(newest - 1);
         triggers.erase(triggers.begin(), newest);
@@ -797,8 +879,8 @@ void Instrument::RenderAux(const Segment& segment, std::uint8_t* dst) {
     Put16(dst + 70, 597);  // 3.3 V
     Put16(dst + 72, awake ? 700 : 150);
     Put16(dst + 74, awake ? 900 : 220);  // 1.8 A, or 0.44 A in standby, in steps of 2 mA
-    Put16(dst + 76, options.runVersion);
-    Put16(dst + 78, options.bootVersion);
+    Put16(dst + 76, runFirmware ? runFirmware->version : options.runVersion);
+    Put16(dst + 78, bootFirmware ? bootFirmware->version : options.bootVersion);
     const double fanVolts = std::clamp(5.0 + (temperatureC - kept.fanSetPoint / 16.0) * 0.5, 5.0, 12.0);
     Put16(dst + 80, static_cast<std::uint32_t>(fanVolts / 0.078125));
     Put16(dst + 82, kept.fanSetPoint);

@@ -18,6 +18,7 @@
 
 #include "sim/bus_device.h"
 #include "sim/calibration.h"
+#include "sim/firmware.h"
 #include "sim/flash.h"
 #include "sim/rf_model.h"
 #include "sim/scene.h"
@@ -37,6 +38,7 @@ enum class Program { boot, run };
 enum class Speed {
     fast,   // data stands ready at once; time is the count of samples and waits; emitters start anew at each start word
     paced,  // data comes at the real rate by the wall clock; emitters run on the main counter
+    lockstep,  // as fast, but the stream comes when all other threads of the process sleep: no host is too slow for it
 };
 enum class RecordKind { factory, none, custom };
 enum class GpsState {
@@ -81,6 +83,8 @@ public:
 
     // Reading a range that holds the page never completes, writing or erasing it stalls. Until Clear().
     void FailFlashPage(unsigned page);
+    // Writing the page seems to succeed and changes nothing. Until Clear().
+    void DeadFlashPage(unsigned page);
     // Every status request says "starting up". Until Clear().
     void StartNeverEnds();
     // No PPS edge from now on. Until Clear().
@@ -100,6 +104,7 @@ private:
     std::optional<Armed> Take(Kind kind, std::uint64_t span = 1);
     bool SilentWithin(std::uint64_t span) const;
     bool FlashFails(unsigned page, unsigned count) const;
+    bool FlashIsDead(unsigned page) const;
     bool NeverStarts() const;
     bool PpsLost() const;
     std::uint64_t PacketsSoFar() const;
@@ -109,6 +114,7 @@ private:
     mutable std::mutex mutex;
     std::vector<Armed> armed;
     std::set<unsigned> badPages;
+    std::set<unsigned> deadPages;
     std::uint64_t packetsSoFar = 0;
     std::uint64_t auxSoFar = 0;
     bool neverStarts = false;
@@ -128,6 +134,7 @@ struct InstrumentCounters {
     std::uint64_t unknownWords = 0;    // op codes that the instrument does not have
     std::uint64_t protocolErrors = 0;  // words that make no sense where or as they stand; they change nothing
     std::uint64_t requests = 0;
+    std::uint64_t starts = 0;      // start words obeyed
     std::uint64_t iqPackets = 0;   // handed over
     std::uint64_t auxPackets = 0;  // handed over
     std::uint64_t rendered = 0;    // packets that came out of the RF model and not out of the cache
@@ -139,6 +146,9 @@ struct InstrumentState {
     TuneWords tune;
     std::optional<Tuning> tuning;  // decoded
     bool acquiring = false;
+    std::uint64_t startCounter = 0;    // main counter at the first sample of the present or last acquisition
+    std::uint64_t ticksPerSample = 2;  // of it
+    std::uint64_t samplesAsked = 0;    // fetched since its start; what the stream skipped counts
     std::uint16_t timebaseDac = 0;
     bool externalReference = false;
     bool gpsTimebaseUpdate = false;
@@ -162,6 +172,9 @@ public:
 
     Faults& faults() { return faultSet; }
 
+    // While it is unplugged, which takes its supply: it comes back as after power-up.
+    void PowerCycle();
+
     // Take effect with the next packet that is asked for.
     void SetScene(Scene scene);
     Scene GetScene() const;
@@ -173,8 +186,14 @@ public:
     // Fast mode: lets time pass without samples, for PPS edges and the like. Paced mode: no effect.
     void AdvanceTime(std::chrono::nanoseconds time);
 
-    // External triggers. Each aux packet reports the newest one at or before its main counter.
+    // External triggers. Each aux packet reports the newest one ahead of the sample behind the last one fetched: a
+    // trigger is told with the samples in which it lies, or, placed too late for that, with the next ones.
     void TriggerAt(std::uint64_t mainCounter);
+    // The same at a sample of the running acquisition, counted from its start word, or of the next one if none runs.
+    void TriggerAtSample(std::uint64_t sample);
+
+    // The time that GPS text and PPS give to a main counter, in nanoseconds since the epoch, rounded down.
+    std::int64_t GpsNanosAt(std::uint64_t mainCounter) const;
 
     InstrumentCounters Counters() const;
     InstrumentState State() const;
@@ -209,6 +228,7 @@ private:
         std::shared_ptr<Rendition> rendition;  // iq
         std::uint64_t position = 0;            // iq: samples since the start word
         std::uint64_t origin = 0;              // iq: sample count at the start word
+        std::uint64_t acquisition = 0;         // iq: start words ahead of its own
         std::uint64_t iqEndTick = 0;           // aux: when the sample behind the last one fetched is taken
         std::uint64_t ticksPerSample = 2;      // aux
         bool lossLatched = false;              // aux: samples were skipped since the packet before
@@ -231,6 +251,7 @@ private:
     std::uint64_t ReadyTick(std::uint64_t packets) const;
     void NotePps();
     void TakePacket(std::uint8_t* dst);
+    void PlaceTrigger(std::uint64_t mainCounter);
     void RenderIq(const Segment& segment, std::uint8_t* dst);
     void RenderAux(const Segment& segment, std::uint8_t* dst);
     void RenderGps(std::uint64_t tick, std::uint8_t* dst);
@@ -245,7 +266,9 @@ private:
     mutable std::mutex mutex;  // guards all below
     Program program;
     mutable Flash flash;
-    mutable bool recordPlaced = false;  // the factory record is built when flash is first touched
+    mutable bool recordPlaced = false;     // the factory record is built when flash is first touched
+    std::optional<Firmware> bootFirmware;  // of the image in flash; none: built in
+    std::optional<Firmware> runFirmware;
     std::optional<std::chrono::milliseconds> rejoin;
     int startupPollsLeft = 0;
 
@@ -277,7 +300,8 @@ private:
     // Flags latched over the period of an aux packet.
     bool overflowLatched = false;
 
-    std::vector<std::uint64_t> triggers;  // not yet latched, ascending
+    std::vector<std::uint64_t> triggers;        // not yet latched, ascending
+    std::vector<std::uint64_t> sampleTriggers;  // wait for the next start word
     std::uint64_t latchedTrigger = 0;
     std::int64_t utcAtPowerUp = 0;
     std::optional<std::uint64_t> ppsLostTick;

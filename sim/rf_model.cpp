@@ -25,9 +25,10 @@ constexpr double TONE_DB = 3.0103;        // sqrt 2: the host divides by the roo
 constexpr double ANALOG_PASS_HZ = 50.0e6;
 constexpr double ANALOG_STOP_HZ = 80.0e6;
 
-// Edges of the decimation filter, of the output rate.
-constexpr double DECIMATION_PASS = 0.375;
-constexpr double DECIMATION_STOP = 0.625;
+// Edges of the decimation filter, of the output rate: the widest band that clients get, 25 MHz at 30.72 MHz, is flat,
+// and no alias falls into it.
+constexpr double DECIMATION_PASS = 0.41;
+constexpr double DECIMATION_STOP = 0.59;
 
 // Register 0x4B, bits 6 to 10, by code; 0: no such code.
 constexpr std::array<int, 15> DIVIDERS = {2, 4, 6, 8, 12, 16, 24, 32, 48, 64, 0, 96, 128, 192, 256};
@@ -103,6 +104,37 @@ struct Block {
         for (std::size_t k = 0; i < count; ++i, ++k) {
             re[first + i] += startRe[k];
             im[first + i] += startIm[k];
+        }
+    }
+
+    // Adds z * w^i * e to samples first + i, i < count, where e runs straight from `from` towards `to`. The count is a
+    // multiple of 4.
+    void AddRamp(std::size_t first, std::size_t count, Complex z, Complex w, Complex from, Complex to) {
+        alignas(16) std::array<float, 4> startRe, startIm, envelopeRe, envelopeIm;
+        const Complex slope = (to - from) / static_cast<double>(count);
+        for (std::size_t i = 0; i < 4; ++i, z *= w, from += slope) {
+            startRe[i] = static_cast<float>(z.real());
+            startIm[i] = static_cast<float>(z.imag());
+            envelopeRe[i] = static_cast<float>(from.real());
+            envelopeIm[i] = static_cast<float>(from.imag());
+        }
+        const Complex w4 = w * w * w * w;
+        const __m128 stepRe = _mm_set1_ps(static_cast<float>(w4.real()));
+        const __m128 stepIm = _mm_set1_ps(static_cast<float>(w4.imag()));
+        const __m128 slopeRe = _mm_set1_ps(static_cast<float>(4.0 * slope.real()));
+        const __m128 slopeIm = _mm_set1_ps(static_cast<float>(4.0 * slope.imag()));
+        __m128 x = _mm_load_ps(startRe.data()), y = _mm_load_ps(startIm.data());
+        __m128 eRe = _mm_load_ps(envelopeRe.data()), eIm = _mm_load_ps(envelopeIm.data());
+        for (std::size_t i = first; i < first + count; i += 4) {
+            const __m128 productRe = _mm_sub_ps(_mm_mul_ps(x, eRe), _mm_mul_ps(y, eIm));
+            const __m128 productIm = _mm_add_ps(_mm_mul_ps(x, eIm), _mm_mul_ps(y, eRe));
+            _mm_storeu_ps(&re[i], _mm_add_ps(_mm_loadu_ps(&re[i]), productRe));
+            _mm_storeu_ps(&im[i], _mm_add_ps(_mm_loadu_ps(&im[i]), productIm));
+            const __m128 next = _mm_sub_ps(_mm_mul_ps(x, stepRe), _mm_mul_ps(y, stepIm));
+            y = _mm_add_ps(_mm_mul_ps(x, stepIm), _mm_mul_ps(y, stepRe));
+            x = next;
+            eRe = _mm_add_ps(eRe, slopeRe);
+            eIm = _mm_add_ps(eIm, slopeIm);
         }
     }
 
@@ -212,13 +244,87 @@ void AddReplay(Block& block, const Line& line, const Emitter& emitter, double ra
     }
 }
 
+// An audio between its samples, from 0 to its length.
+struct AudioPoint {
+    Complex analytic;
+    double integral;  // from the start [sample periods]
+};
+AudioPoint AudioAt(const Audio& audio, double at) {
+    const std::size_t length = audio.signal.size();
+    const std::size_t k = std::min(static_cast<std::size_t>(at), length - 1);
+    const double t = at - static_cast<double>(k);
+    const auto sample = [&](std::size_t i) {
+        const std::size_t j = i % length;
+        return Complex(audio.signal[j], audio.quadrature[j]);
+    };
+    const Complex p0 = sample(k + length - 1), p1 = sample(k), p2 = sample(k + 1), p3 = sample(k + 2);
+    const Complex c1 = 0.5 * (p2 - p0);
+    const Complex c2 = p0 - 2.5 * p1 + 2.0 * p2 - 0.5 * p3;
+    const Complex c3 = 1.5 * (p1 - p2) + 0.5 * (p3 - p0);
+    const double area = t * (p1.real() + t * (c1.real() / 2.0 + t * (c2.real() / 3.0 + t * c3.real() / 4.0)));
+    return {p1 + t * (c1 + t * (c2 + t * c3)), audio.integral[k] + area};
+}
+
+// Adds a line that an audio modulates, by stretches of constant frequency (fm) or straight envelope (am, ssb), as long
+// as what lies in the lower eighth of the audio's rate stays clean by 60 (fm) and 80 dB.
+void AddAudio(Block& block, const Line& line, const Emitter& emitter, double rate, std::uint64_t n) {
+    const bool fm = emitter.kind == EmitterKind::fm;
+    const double topHz = emitter.rateHz / 8.0;
+    const double maxError = fm ? 1.0e-3 : 1.0e-4;
+    constexpr std::size_t SHORTEST = 8, LONGEST = 128;
+    const double curvature = (fm ? emitter.deviationHz / topHz : 1.0) * std::pow(TWO_PI * topHz / rate, 2.0);
+    std::size_t stretch = LONGEST;
+    while (stretch > SHORTEST && curvature * static_cast<double>(stretch * stretch) / 8.0 > maxError) stretch /= 2;
+
+    const Audio& audio = *emitter.audio;
+    const double length = static_cast<double>(audio.signal.size());
+    const double perSample = emitter.rateHz / rate;
+    const long double played = static_cast<long double>(emitter.rateHz) / rate * static_cast<long double>(n);
+    const long double rounds = std::floor(played / length);
+    const double start = static_cast<double>(played - rounds * length);
+    const double turnsPerRound = emitter.deviationHz / emitter.rateHz * audio.integral.back();
+    const double turnsBefore = static_cast<double>(std::fmod(rounds * turnsPerRound, 1.0L));
+    const double turn = line.mirrored ? -1.0 : 1.0;
+    const double sideband = turn * (emitter.upperSideband ? 1.0 : -1.0);
+
+    // fm: the phase that the audio adds, in radians, as the real part; otherwise the envelope.
+    const auto modulation = [&](std::size_t i) {
+        const double at = start + perSample * static_cast<double>(i);
+        const double extra = std::floor(at / length);
+        const AudioPoint point = AudioAt(audio, at - extra * length);
+        if (emitter.kind == EmitterKind::am) return Complex(1.0 + emitter.depth * point.analytic.real());
+        if (!fm) return Complex(point.analytic.real(), sideband * point.analytic.imag());
+        const double turns =
+            turnsBefore + extra * turnsPerRound + emitter.deviationHz / emitter.rateHz * point.integral;
+        return Complex(turn * TWO_PI * turns);
+    };
+    const double advance = TWO_PI * line.freqHz / rate;
+    const double atStart = TWO_PI * Turns(line.freqHz, rate, n);
+    const Complex w = std::polar(1.0, advance);
+    Complex before = modulation(0);
+    for (std::size_t i = 0; i < RENDER_BLOCK; i += stretch) {
+        const Complex after = modulation(i + stretch);
+        const double phase = atStart + advance * static_cast<double>(i);
+        const Complex amplitude = FULL_SCALE * line.amplitude;
+        if (fm) {
+            const double step = (after - before).real() / static_cast<double>(stretch);
+            block.AddPhasor(i, stretch, amplitude * std::polar(1.0, phase + before.real()),
+                            std::polar(1.0, advance + step));
+        } else {
+            block.AddRamp(i, stretch, amplitude * std::polar(1.0, phase), w, before, after);
+        }
+        before = after;
+    }
+}
+
 // Adds a line only while its gate is open.
 void AddGated(Block& block, const Line& line, double rate, std::uint64_t n) {
     const double period = line.gatePeriod * rate;
     const double width = line.gateWidth * rate;
-    double phase = static_cast<double>(
-        std::fmod(static_cast<long double>(n) - static_cast<long double>(line.gateStart * rate), period));
-    if (phase < 0.0) phase += period;
+    const long double turns = (static_cast<long double>(n) - static_cast<long double>(line.gateStart * rate)) /
+                              static_cast<long double>(period);
+    double phase = static_cast<double>(turns - std::floor(turns)) * period;
+    if (phase >= width && phase + RENDER_BLOCK <= period) return;
     const Complex w = std::polar(1.0, TWO_PI * line.freqHz / rate);
     for (std::size_t i = 0; i < RENDER_BLOCK;) {
         const bool open = phase < width;
@@ -236,6 +342,19 @@ void AddGated(Block& block, const Line& line, double rate, std::uint64_t n) {
 }
 
 }  // namespace
+
+void RenderNumbers(std::uint32_t first, std::uint32_t offset, std::uint8_t* dst, std::size_t samples) {
+    constexpr int HALF = 0x7FFF;  // 15 bits
+    const __m128i low = _mm_set1_epi32(HALF);
+    const __m128i high = _mm_set1_epi32(HALF << 15);
+    const __m128i base = _mm_set1_epi16(static_cast<std::int16_t>(static_cast<int>(offset & HALF) - (1 << 14)));
+    const __m128i step = _mm_set1_epi32(4);
+    __m128i n = _mm_add_epi32(_mm_set1_epi32(static_cast<int>(first)), _mm_setr_epi32(0, 1, 2, 3));
+    for (std::size_t i = 0; i < samples; i += 4, n = _mm_add_epi32(n, step)) {
+        const __m128i parts = _mm_or_si128(_mm_and_si128(n, low), _mm_slli_epi32(_mm_and_si128(n, high), 1));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 4 * i), _mm_adds_epi16(parts, base));
+    }
+}
 
 TuneWords::TuneWords() {
     taps[FIR_TAPS / 2 - 1] = FIR_ONE;
@@ -323,6 +442,11 @@ void Renderer::AddEmitter(const Truth& truth, const Tuning& tuning, const TuneWo
     const auto add = [&](double freqHz, double levelDb) {
         AddLine(truth, tuning, words, freqHz, emitter.levelDbm + levelDb, line);
     };
+    if (emitter.audio) {
+        line.modulation = Line::Modulation::audio;
+        add(emitter.freqHz, 0.0);
+        return;
+    }
     switch (emitter.kind) {
         case EmitterKind::carrier:
             add(emitter.freqHz, 0.0);
@@ -345,6 +469,7 @@ void Renderer::AddEmitter(const Truth& truth, const Tuning& tuning, const TuneWo
         case EmitterKind::pulse:
             line.gatePeriod = emitter.periodS;
             line.gateWidth = emitter.widthS;
+            line.gateStart = emitter.startS;
             add(emitter.freqHz, 0.0);
             break;
         case EmitterKind::hop:
@@ -423,6 +548,8 @@ bool Renderer::Render(std::uint64_t position, std::uint64_t origin, std::uint8_t
                 AddFm(block, line, emitter, rate, n);
             } else if (line.modulation == Line::Modulation::replay) {
                 AddReplay(block, line, emitter, rate, n);
+            } else if (line.modulation == Line::Modulation::audio) {
+                AddAudio(block, line, emitter, rate, n);
             } else if (line.gatePeriod > 0.0) {
                 AddGated(block, line, rate, n);
             } else {

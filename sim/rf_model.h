@@ -21,6 +21,15 @@ inline constexpr int FIR_TAPS = 32;                 // per branch
 inline constexpr std::uint16_t FIR_ONE = 32767;     // the tap word for a gain of 1
 inline constexpr int RENDER_BLOCK = 512;            // samples; renderings start and end on multiples of it
 
+// Packs numbers `first`, `first` + 1, ... modulo 2^30 into samples around the offset, of up to 16384.
+void RenderNumbers(std::uint32_t first, std::uint32_t offset, std::uint8_t* dst, std::size_t samples);
+
+// The number in a sample whose offset is taken off: for a host that scales by 2^-15, of its values times 2^15.
+constexpr std::uint32_t ReadNumber(int i, int q) {
+    constexpr int MIDDLE = 1 << 14;
+    return static_cast<std::uint32_t>(q + MIDDLE) << 15 | static_cast<std::uint32_t>(i + MIDDLE);
+}
+
 // Everything that decides what the samples look like, as the words left it. Power-up values.
 struct TuneWords {
     std::uint32_t rfConfig = 0x683C8A;
@@ -69,7 +78,7 @@ struct Line {
     double gateStart = 0.0;
     double gateWidth = 0.0;
 
-    enum class Modulation { none, fm, replay } modulation = Modulation::none;
+    enum class Modulation { none, fm, replay, audio } modulation = Modulation::none;
 };
 
 class Renderer {

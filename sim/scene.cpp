@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <fstream>
+#include <numbers>
 #include <optional>
 
 namespace sim {
@@ -15,6 +16,7 @@ constexpr std::size_t MAX_LINE_BYTES = 4096;
 constexpr std::size_t MAX_EMITTERS = 256;
 constexpr std::size_t MAX_HOPS = 256;
 constexpr std::size_t MAX_RECORDING_BYTES = std::size_t{256} << 20;
+constexpr std::size_t MAX_AUDIO_BYTES = std::size_t{8} << 20;
 
 struct KindRow {
     EmitterKind kind;
@@ -23,10 +25,10 @@ struct KindRow {
 };
 constexpr std::array<KindRow, 7> KINDS = {{
     {EmitterKind::carrier, "carrier", "freq level "},
-    {EmitterKind::am, "am", "freq level tone depth "},
-    {EmitterKind::fm, "fm", "freq level tone deviation "},
-    {EmitterKind::ssb, "ssb", "freq level tone side "},
-    {EmitterKind::pulse, "pulse", "freq level period width "},
+    {EmitterKind::am, "am", "freq level tone depth audio rate "},
+    {EmitterKind::fm, "fm", "freq level tone deviation audio rate "},
+    {EmitterKind::ssb, "ssb", "freq level tone side audio rate "},
+    {EmitterKind::pulse, "pulse", "freq level period width start "},
     {EmitterKind::hop, "hop", "freqs level dwell "},
     {EmitterKind::replay, "replay", "freq level rate file "},
 }};
@@ -36,7 +38,7 @@ struct NumberRow {
     double Emitter::*field;
     double low, high;
 };
-constexpr std::array<NumberRow, 9> NUMBERS = {{
+constexpr std::array<NumberRow, 10> NUMBERS = {{
     {"freq", &Emitter::freqHz, 0.0, 20.0e9},
     {"level", &Emitter::levelDbm, -200.0, 30.0},
     {"tone", &Emitter::toneHz, 1.0, 1.0e6},
@@ -44,6 +46,7 @@ constexpr std::array<NumberRow, 9> NUMBERS = {{
     {"deviation", &Emitter::deviationHz, 0.0, 5.0e6},
     {"period", &Emitter::periodS, 2.0e-6, 1000.0},
     {"width", &Emitter::widthS, 1.0e-7, 1000.0},
+    {"start", &Emitter::startS, 0.0, 1000.0},
     {"dwell", &Emitter::dwellS, 1.0e-6, 1000.0},
     {"rate", &Emitter::rateHz, 1.0, 122.88e6},
 }};
@@ -71,20 +74,35 @@ std::string_view NextWord(std::string_view& line) {
     return word;
 }
 
-std::string LoadRecording(const std::string& path, Emitter& emitter) {
+// Reads a file of little-endian 16-bit values, `unit` bytes a sample. Returns what is wrong with it.
+std::string LoadValues(const std::string& path, std::size_t unit, std::size_t maxBytes,
+                       std::vector<std::int16_t>& values) {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
     if (!file) return "cannot open recording " + path;
-    const auto bytes = static_cast<std::streamoff>(file.tellg());
-    if (bytes < 8 || static_cast<std::size_t>(bytes) > MAX_RECORDING_BYTES || bytes % 4 != 0) {
-        return "recording " + path + " is not 2 to 64M samples of 4 bytes";
+    const auto end = static_cast<std::streamoff>(file.tellg());
+    const auto bytes = static_cast<std::size_t>(std::max<std::streamoff>(end, 0));
+    if (bytes < 2 * unit || bytes > maxBytes || bytes % unit != 0) {
+        return "recording " + path + " is not 2 to " + std::to_string((maxBytes / unit) >> 20) + "M samples of " +
+               std::to_string(unit) + " bytes";
     }
-    auto recording = std::make_shared<Recording>();
-    recording->iq.resize(static_cast<std::size_t>(bytes) / 2);
+    values.resize(bytes / 2);
     file.seekg(0);
-    file.read(reinterpret_cast<char*>(recording->iq.data()), bytes);
-    if (!file) return "cannot read recording " + path;
-    emitter.recording = std::move(recording);
-    return {};
+    file.read(reinterpret_cast<char*>(values.data()), static_cast<std::streamsize>(bytes));
+    return file ? std::string{} : "cannot read recording " + path;
+}
+
+std::string LoadRecording(const std::string& path, Emitter& emitter) {
+    auto recording = std::make_shared<Recording>();
+    const std::string error = LoadValues(path, 4, MAX_RECORDING_BYTES, recording->iq);
+    if (error.empty()) emitter.recording = std::move(recording);
+    return error;
+}
+
+std::string LoadAudio(const std::string& path, Emitter& emitter) {
+    std::vector<std::int16_t> values;
+    const std::string error = LoadValues(path, 2, MAX_AUDIO_BYTES, values);
+    if (error.empty()) emitter.audio = MakeAudio(values);
+    return error;
 }
 
 std::string ParseHops(std::string_view list, Emitter& emitter) {
@@ -109,9 +127,16 @@ std::string ParseSetting(std::string_view key, std::string_view value, const std
         emitter.upperSideband = value == "usb";
         return {};
     }
-    if (key == "file") {
+    if (key == "audio" && value == "voice") {
+        static const std::shared_ptr<const Audio> voice = MakeAudio(SyntheticVoice());
+        emitter.audio = voice;
+        if (emitter.rateHz == 0.0) emitter.rateHz = VOICE_RATE_HZ;  // a rate that is given may stand on either side
+        return {};
+    }
+    if (key == "file" || key == "audio") {
         const std::string name(value);
-        return LoadRecording(folder.empty() || name.starts_with('/') ? name : folder + "/" + name, emitter);
+        const std::string path = folder.empty() || name.starts_with('/') ? name : folder + "/" + name;
+        return key == "file" ? LoadRecording(path, emitter) : LoadAudio(path, emitter);
     }
     const auto* row = std::ranges::find(NUMBERS, key, &NumberRow::key);
     const std::optional<double> number = ParseNumber(value);
@@ -143,6 +168,9 @@ std::string ParseEmitter(const KindRow& row, std::string_view line, const std::s
     if (!given(row.kind == EmitterKind::hop ? "freqs" : "freq")) return "frequency missing";
     if (!given("level")) return "level missing";
     if (row.kind == EmitterKind::replay && !(given("file") && given("rate"))) return "replay needs file and rate";
+    if (emitter.audio && emitter.rateHz == 0.0) return "rate missing";
+    if (given("rate") && row.kind != EmitterKind::replay && !emitter.audio) return "rate goes with audio";
+    if (emitter.audio && given("tone")) return "tone or audio, not both";
     if (row.kind == EmitterKind::pulse && emitter.widthS > emitter.periodS) return "width above period";
     return {};
 }
@@ -160,6 +188,14 @@ std::string ParseLine(std::string_view line, const std::string& folder, Scene& s
         scene.noiseDbmPerHz = *level;
         return {};
     }
+    if (word == "count") {
+        const std::string_view what = NextWord(line);
+        if ((what != "samples" && what != "acquisitions") || !NextWord(line).empty()) {
+            return "count takes samples or acquisitions";
+        }
+        scene.pattern = what == "samples" ? Pattern::samples : Pattern::acquisitions;
+        return {};
+    }
     const auto* row = std::ranges::find(KINDS, word, &KindRow::name);
     if (row == KINDS.end()) return "unknown word " + std::string(word.substr(0, 40));
     if (scene.emitters.size() == MAX_EMITTERS) return "more than 256 emitters";
@@ -167,6 +203,80 @@ std::string ParseLine(std::string_view line, const std::string& folder, Scene& s
 }
 
 }  // namespace
+
+std::shared_ptr<const Audio> MakeAudio(std::span<const std::int16_t> samples) {
+    const std::size_t length = samples.size();
+    auto audio = std::make_shared<Audio>();
+    audio->signal.resize(length);
+    std::ranges::transform(samples, audio->signal.begin(), [](std::int16_t x) { return x / 32768.0f; });
+
+    const std::span<const float> signal = audio->signal;
+    const auto at = [&](std::size_t i) { return static_cast<double>(signal[i % length]); };
+    audio->integral.resize(length + 1);
+    for (std::size_t i = 0; i < length; ++i) {  // of the cubic through four samples, between the middle two
+        const double piece = (13.0 * (at(i) + at(i + 1)) - at(i + length - 1) - at(i + 2)) / 24.0;
+        audio->integral[i + 1] = audio->integral[i] + piece;
+    }
+
+    // A Hilbert transformer of 2047 taps, every other one 0, under a Blackman window: it leaves an image of -70 dB or
+    // less from 1/480 of the rate up.
+    constexpr std::size_t REACH = 1023;
+    std::array<float, REACH + 1> taps{};
+    for (std::size_t k = 1; k <= REACH; k += 2) {
+        const double x = std::numbers::pi * static_cast<double>(k) / (REACH + 1);
+        const double window = 0.42 + 0.5 * std::cos(x) + 0.08 * std::cos(2.0 * x);
+        taps[k] = static_cast<float>(2.0 / (std::numbers::pi * static_cast<double>(k)) * window);
+    }
+    std::vector<float> around(length + 2 * REACH);  // the signal, and what its repetition puts in front and behind
+    for (std::size_t i = 0; i < around.size(); ++i) {
+        around[i] = signal[(i + length - REACH % length) % length];
+    }
+    audio->quadrature.resize(length);
+    for (std::size_t i = 0; i < length; ++i) {
+        const float* centre = &around[i + REACH];
+        float sum = 0.0f;
+        for (std::size_t k = 1; k <= REACH; k += 2) sum += taps[k] * (*(centre - k) - centre[k]);
+        audio->quadrature[i] = sum;
+    }
+    return audio;
+}
+
+std::vector<std::int16_t> SyntheticVoice() {
+    struct Syllable {
+        double pitchHz, formant1Hz, formant2Hz;
+    };
+    constexpr std::array<Syllable, 8> SYLLABLES = {{{120, 730, 1090},
+                                                    {135, 270, 2290},
+                                                    {128, 530, 1840},
+                                                    {115, 570, 840},
+                                                    {140, 300, 870},
+                                                    {125, 660, 1720},
+                                                    {118, 440, 1020},
+                                                    {105, 490, 1350}}};
+    constexpr std::size_t SYLLABLE_SAMPLES = static_cast<std::size_t>(VOICE_RATE_HZ) / 4;
+    constexpr double TOP_HZ = 3400.0, FORMANT_WIDTH_HZ = 120.0, PEAK = 6000.0;
+    std::vector<std::int16_t> samples;
+    samples.reserve(SYLLABLES.size() * SYLLABLE_SAMPLES);
+    for (const Syllable& row : SYLLABLES) {
+        double phase = 0.0;
+        for (std::size_t i = 0; i < SYLLABLE_SAMPLES; ++i) {
+            const double x = static_cast<double>(i) / static_cast<double>(SYLLABLE_SAMPLES);
+            const double pitchHz = row.pitchHz * (1.1 - 0.2 * x);  // each falls
+            phase += 2.0 * std::numbers::pi * pitchHz / VOICE_RATE_HZ;
+            double sum = 0.0;
+            for (int k = 1; k * pitchHz < TOP_HZ; ++k) {
+                const auto formant = [&](double hz) {
+                    const double off = (k * pitchHz - hz) / FORMANT_WIDTH_HZ;
+                    return 1.0 / (1.0 + off * off);
+                };
+                sum += (formant(row.formant1Hz) + 0.5 * formant(row.formant2Hz)) * std::sin(k * phase);
+            }
+            const double swell = std::sin(std::numbers::pi * x);
+            samples.push_back(static_cast<std::int16_t>(std::clamp(PEAK * swell * swell * sum, -32767.0, 32767.0)));
+        }
+    }
+    return samples;
+}
 
 std::string_view KindName(EmitterKind kind) { return std::ranges::find(KINDS, kind, &KindRow::kind)->name; }
 
