@@ -1,5 +1,6 @@
 #include "dsp.h"
 
+#include "ipps_fir_down.h"
 #include "tone_gen.h"
 #include "tq_assert.h"
 #include "vector_kernels.h"
@@ -226,6 +227,35 @@ IppStatus FIR_32fc::Filter(const Ipp32fc* src, Ipp32fc* dst, int len) {
     const IppStatus status = ippsFIRSR_32fc(src, dst, len, spec, dly.data(), dly.data(), workBuf.get());
     TQ_ASSERT(status == 0);
     return status;
+}
+
+void FIRDown_32fc::SetTaps(const Ipp32fc* taps, int tapsLen, int keepEvery) {
+    TQ_ASSERT(taps && tapsLen > 0 && keepEvery > 0);
+    int specSize = 0;
+    int bufSize = 0;
+    IppStatus status = ipps_detail::FirDownGetSize_32fc(tapsLen, keepEvery, &specSize, &bufSize);
+    TQ_ASSERT(status == 0);
+    specMem = AllocateIpps(specSize);
+    workBuf = AllocateIpps(bufSize);
+    status = ipps_detail::FirDownInit_32fc(taps, tapsLen, keepEvery,
+                                           reinterpret_cast<ipps_detail::FirDownSpec_32fc*>(specMem.get()));
+    TQ_ASSERT(status == 0);
+    dly.resize(static_cast<size_t>(tapsLen - 1));
+    Flush();
+}
+
+void FIRDown_32fc::Flush() {
+    std::ranges::fill(dly, Ipp32fc{0.0f, 0.0f});
+    phase = 0;
+}
+
+int FIRDown_32fc::Filter(const Ipp32fc* src, Ipp32fc* dst, int len) {
+    const auto* const spec = reinterpret_cast<const ipps_detail::FirDownSpec_32fc*>(specMem.get());
+    int written = 0;
+    const IppStatus status =
+        ipps_detail::FirDown_32fc(src, len, dst, &written, spec, dly.data(), dly.data(), &phase, workBuf.get());
+    TQ_ASSERT(status == 0);
+    return written;
 }
 
 void IQFreqTuner_32fc::Init(double _tuneFreq, int _blockLen, bool _highAccuracy) {

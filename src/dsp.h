@@ -165,6 +165,27 @@ private:
     std::vector<Ipp32fc> dly;  // the last inputs, one less than taps
 };
 
+// The same filter, of whose outputs every factor-th is kept, from the first on.
+class FIRDown_32fc {
+public:
+    FIRDown_32fc() = default;
+    FIRDown_32fc(const FIRDown_32fc&) = delete;
+    FIRDown_32fc& operator=(const FIRDown_32fc&) = delete;
+
+    // Copies tapsLen >= 1 taps; keepEvery >= 1.
+    void SetTaps(const Ipp32fc* taps, int tapsLen, int keepEvery);
+    // Forgets the past, keeps the taps: the next output is the first one again.
+    void Flush();
+    // Returns the number of values written, at most (len + keepEvery - 1) / keepEvery. dst and src must not overlap.
+    int Filter(const Ipp32fc* src, Ipp32fc* dst, int len);
+
+private:
+    IppsMemory specMem;
+    IppsMemory workBuf;
+    std::vector<Ipp32fc> dly;  // the last inputs, one less than taps
+    int phase = 0;             // inputs until the next value that is kept
+};
+
 // Shifts a stream in frequency: multiplies it by a complex tone whose phase runs on from block to block. Nothing
 // allocates but construction and Init.
 class IQFreqTuner_32fc {

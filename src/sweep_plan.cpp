@@ -1,9 +1,9 @@
 #include "sweep_plan.h"
 
 #include "dsp.h"
+#include "stream_plan.h"
 #include "tq_assert.h"
-
-#include <unistd.h>
+#include "tq_lib.h"
 
 #include <algorithm>
 #include <array>
@@ -28,6 +28,9 @@ constexpr int64_t RING_SWEEP_SAMPLES = 50000000;
 constexpr int64_t SWEEP_WORK_THREADS = 2;
 constexpr int64_t WORK_BYTES_PER_BIN = 64;  // window, transform, filter and detector rows of one work thread
 constexpr int64_t COMMAND_COPIES = 2;       // the planner's and the engine's
+
+// Of a narrow sweep: the two rows of its engine.
+constexpr int64_t NARROW_ROW_BYTES_PER_BIN = 2 * sizeof(float);
 
 // Walks along the bytes that the UART sends during a sweep.
 class GPIOStepAssist {
@@ -61,8 +64,31 @@ int BestLOStopIndex(double stop) {
     return MAX_SWEEP_LO_STEP;
 }
 
-double PhysicalMemoryBytes() {
-    return static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
+// One fetch carries MAX_FETCH_IQ_PKTS at most; each further one stands in a block of its own.
+void AddFetches(TqCommand& commands, int pktsToGet) {
+    for (; pktsToGet > MAX_FETCH_IQ_PKTS; pktsToGet -= MAX_FETCH_IQ_PKTS) {
+        commands.AddFetchIQ(MAX_FETCH_IQ_PKTS, 0);
+        commands.StartNewCommand();
+    }
+    commands.AddFetchIQ(static_cast<uint32_t>(pktsToGet), 0);
+}
+
+// Window of about `wantedSize` samples, below 2^31, and the transform that holds it.
+void SizeTransform(double wantedSize, SweepSetup& setup) {
+    int bestFFTSize = static_cast<int>(std::max<double>(wantedSize, MIN_WINDOW_SIZE));
+    if (DSP::IsOdd(bestFFTSize)) bestFFTSize--;
+    setup.bestFFTSize = bestFFTSize;
+    setup.fftSize = std::max(DSP::RoundUpPowerTwo(bestFFTSize), MIN_SWEEP_FFT_SIZE);
+    setup.zeroPadAmount = setup.fftSize - bestFFTSize;
+}
+
+// Video filter, and as many transforms as it takes to settle. False if they cannot be counted.
+bool SizeVideoFilter(const TqSweepSettings& settings, SweepSetup& setup) {
+    setup.iirFc = std::min(settings.vbw / settings.rbw, 1.0);
+    const double wantedFFTs = std::ceil(1.0 / setup.iirFc);
+    if (!(wantedFFTs >= 1.0 && wantedFFTs <= MAX_INT)) return false;
+    setup.fftsPerStep = static_cast<int>(wantedFFTs);
+    return true;
 }
 
 // FFT length and transforms per step from RBW, VBW and sweep time, for numSteps LO steps. False if a size cannot be
@@ -71,18 +97,11 @@ double PhysicalMemoryBytes() {
 bool SizeSweep(const TqSweepSettings& settings, double windowBW, int numSteps, SweepSetup& setup) {
     const double wantedSize = std::trunc(BASE_SR * windowBW / settings.rbw);
     if (!(wantedSize < MAX_SWEEP_FFT_SIZE + 2.0)) return false;
-    int bestFFTSize = static_cast<int>(std::max<double>(wantedSize, MIN_WINDOW_SIZE));
-    if (DSP::IsOdd(bestFFTSize)) bestFFTSize--;
-    setup.bestFFTSize = bestFFTSize;
-    setup.fftSize = std::max(DSP::RoundUpPowerTwo(bestFFTSize), MIN_SWEEP_FFT_SIZE);
-    setup.zeroPadAmount = setup.fftSize - bestFFTSize;
+    SizeTransform(wantedSize, setup);
+    if (!SizeVideoFilter(settings, setup)) return false;
     const int64_t fftDiv4 = setup.fftSize / 4;
-
-    setup.iirFc = std::min(settings.vbw / settings.rbw, 1.0);
-    const double wantedFFTs = std::ceil(1.0 / setup.iirFc);
-    if (!(wantedFFTs >= 1.0 && wantedFFTs <= MAX_INT)) return false;
-    int64_t fftsPerStep = static_cast<int64_t>(wantedFFTs);
-    const int64_t minStepLen = bestFFTSize + (fftsPerStep - 1) * fftDiv4;
+    int64_t fftsPerStep = setup.fftsPerStep;
+    const int64_t minStepLen = setup.bestFFTSize + (fftsPerStep - 1) * fftDiv4;
     int64_t pktPerStep = (minStepLen + SAMPLES_PER_PACKET - 1) / SAMPLES_PER_PACKET;
 
     // A longer sweep time buys more transforms, at the same resolution.
@@ -92,7 +111,7 @@ bool SizeSweep(const TqSweepSettings& settings, double windowBW, int numSteps, S
     const int64_t usrPktPerFreq = DSP::RoundToInt(std::max(wantedPackets, 1.0));
     if (usrPktPerFreq > pktPerStep) {
         pktPerStep = usrPktPerFreq;
-        fftsPerStep = (usrPktPerFreq * SAMPLES_PER_PACKET - bestFFTSize) / fftDiv4 + 1;
+        fftsPerStep = (usrPktPerFreq * SAMPLES_PER_PACKET - setup.bestFFTSize) / fftDiv4 + 1;
     }
 
     // The packets of one sweep, with up to four aux packets behind them, are counted in an int.
@@ -101,7 +120,42 @@ bool SizeSweep(const TqSweepSettings& settings, double windowBW, int numSteps, S
     setup.pktPerStep = static_cast<int>(pktPerStep);
     setup.fftsPerStep = static_cast<int>(fftsPerStep);
     setup.numSteps = numSteps;
-    return static_cast<double>(SweepMemoryBytes(setup)) <= PhysicalMemoryBytes();
+    return FitsInMemory(static_cast<double>(SweepMemoryBytes(setup)));
+}
+
+// The same for a narrow sweep at finalSampleRate, of which the host makes the last softwareDecimation. An RBW too small
+// for the longest transform gets that one.
+bool SizeNarrowSweep(const TqSweepSettings& settings, double windowBW, double finalSampleRate, int softwareDecimation,
+                     SweepSetup& setup) {
+    const double wantedSize = std::trunc(finalSampleRate * windowBW / settings.rbw);
+    SizeTransform(wantedSize < MAX_SWEEP_FFT_SIZE ? wantedSize : MAX_SWEEP_FFT_SIZE, setup);
+    if (!SizeVideoFilter(settings, setup)) return false;
+    const int64_t fftDiv4 = setup.fftSize / 4;
+    int64_t fftsPerStep = setup.fftsPerStep;
+    int64_t neededAcqSize = (fftsPerStep - 1) * fftDiv4 + setup.fftSize;
+
+    // A longer sweep time buys more transforms, at the same resolution.
+    const double pktsForSweepTime = settings.sweepTime / (SAMPLES_PER_PACKET / finalSampleRate);
+    if (!(pktsForSweepTime < MAX_INT)) return false;
+    const auto sweepTimeAcqSize = static_cast<int64_t>(pktsForSweepTime * SAMPLES_PER_PACKET);
+    if (neededAcqSize < sweepTimeAcqSize) {
+        fftsPerStep = (sweepTimeAcqSize - setup.bestFFTSize) / fftDiv4 + 1;
+        neededAcqSize = sweepTimeAcqSize;
+    }
+
+    // One packet more makes up for the delay of the host's filter.
+    int64_t pktCount = NextMultipleOf(neededAcqSize, SAMPLES_PER_PACKET) / SAMPLES_PER_PACKET * softwareDecimation;
+    if (softwareDecimation > 1) pktCount++;
+    pktCount = NextMultipleOf(pktCount, READ_UNIT_PKTS);
+    if (pktCount > std::numeric_limits<int>::max() || fftsPerStep > std::numeric_limits<int>::max()) return false;
+    setup.numSteps = 1;
+    setup.pktPerStep = static_cast<int>(pktCount);
+    setup.fftsPerStep = static_cast<int>(fftsPerStep);
+
+    const int64_t perBin = (WORK_BYTES_PER_BIN + NARROW_ROW_BYTES_PER_BIN) * setup.fftSize;
+    const int64_t capture = pktCount * SAMPLES_PER_PACKET / softwareDecimation * static_cast<int64_t>(sizeof(Ipp32fc));
+    const int64_t blocks = COMMAND_COPIES * (pktCount / MAX_FETCH_IQ_PKTS + 1) * CMD_SIZE_BYTES;
+    return FitsInMemory(static_cast<double>(perBin + capture + blocks));
 }
 
 }  // namespace
@@ -177,13 +231,7 @@ TqStatus PlanSweepWide(TqSweepSettings& settings, const TqRFSettings& rfConfig,
         commands.AddWords(buf.data(), words);
         commands.AddFIRCoeffs(patch.coeffs.data());
         commands.AddStartIQ(START_IQ_NO_DECIMATION);
-
-        int pktsToGet = setup.pktPerStep;
-        for (; pktsToGet > MAX_FETCH_IQ_PKTS; pktsToGet -= MAX_FETCH_IQ_PKTS) {
-            commands.AddFetchIQ(MAX_FETCH_IQ_PKTS, 0);
-            commands.StartNewCommand();
-        }
-        commands.AddFetchIQ(static_cast<uint32_t>(pktsToGet), 0);
+        AddFetches(commands, setup.pktPerStep);
         commands.AddStopIQ();
         setup.stepInfo.push_back(patch);
     }
@@ -191,5 +239,43 @@ TqStatus PlanSweepWide(TqSweepSettings& settings, const TqRFSettings& rfConfig,
     // Aux packets fill up the last read unit; there is always one, for the status and the time of the sweep.
     commands.AddStopIQ();
     commands.AddFetchAux(READ_UNIT_PKTS - setup.Num8kPkts() % READ_UNIT_PKTS);
+    return tqNoError;
+}
+
+TqStatus PlanSweepNarrow(TqSweepSettings& settings, const TqRFSettings& rfConfig, TqCorrections& corrections,
+                         Tq720Config& deviceConfig, NarrowSweepPlan& plan) {
+    const double span = settings.Span();
+    TQ_ASSERT(span >= 0.0 && span < NARROW_SWEEP_MAX_SPAN);
+    const int decimation = GetNarrowSweepDecimation(span);
+    int hwDecimation = 1;
+    int swDecimation = 1;
+    CalculateDecimation(decimation, hwDecimation, swDecimation);
+    const double finalSampleRate = BASE_SR / decimation;
+    const double windowBW = DSP::GetWindowBandwidth(settings.window);
+
+    plan = NarrowSweepPlan();
+    SweepSetup& setup = plan.setup;
+    if (!SizeNarrowSweep(settings, windowBW, finalSampleRate, swDecimation, setup)) return tqAllocationErr;
+
+    // The decimated band is wider than the span by a fifth or more, so the row always holds the sweep.
+    const double binSize = finalSampleRate / setup.fftSize;
+    int sweepSize = DSP::RoundToInt(span / binSize) + 2;
+    if (DSP::IsOdd(sweepSize)) sweepSize++;
+    TQ_ASSERT(sweepSize <= setup.fftSize);
+    setup.narrowSweepOffset = (setup.fftSize - sweepSize) / 2;
+    settings.sweepSize = sweepSize;
+    settings.binSize = binSize;
+    settings.firstBinFreq = settings.Center() - sweepSize / 2 * binSize;
+    settings.windowBandwidth = windowBW;
+    settings.actualRbw = finalSampleRate * windowBW / setup.bestFFTSize;
+    settings.actualVbw = settings.vbw;
+
+    const StreamTune tune = TuneStream(settings.Center(), GetBestRFAtten(rfConfig), corrections, deviceConfig);
+    plan.patch = tune.patch;
+    TqCommand& commands = plan.commands;
+    commands.StartNewCommand();
+    AddTuneAndStart(commands, tune, hwDecimation);
+    AddFetches(commands, setup.pktPerStep);
+    commands.AddStopIQ();
     return tqNoError;
 }

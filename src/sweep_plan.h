@@ -1,5 +1,6 @@
-// From sweep settings to a plan: FFT length, LO steps, packets per step and the command blocks of one whole sweep.
-// TqDevice::ConfigureModeSweep runs it and hands the plan to EngineSweep. Sends nothing; no state.
+// From sweep settings to a plan: FFT length, LO steps, packets per step and the command blocks of one whole sweep. The
+// wide plan steps the LO and is for EngineSweep; the narrow plan, for spans below NARROW_SWEEP_MAX_SPAN, stays on one
+// LO and is for EngineSweepNarrow. TqDevice runs them when it configures. Sends nothing; no state.
 #pragma once
 
 #include "frequency_plan.h"
@@ -56,3 +57,18 @@ int64_t SweepMemoryBytes(const SweepSetup& setup);
 TqStatus PlanSweepWide(TqSweepSettings& settings, const TqRFSettings& rfConfig,
                        const std::vector<GPIOSweepStep>& gpioSteps, TqCorrections& corrections,
                        Tq720Config& deviceConfig, SweepPlan& plan);
+
+// The plan of a narrow sweep. Of setup, numSteps is 1, pktPerStep all packets of the capture, a multiple of four, and
+// stepInfo empty: the one tuning is `patch`, with coeffs, coarseCorrection and actualFreq.
+struct NarrowSweepPlan {
+    SweepSetup setup;
+    TqCommand commands;  // the blocks of the capture, without aux packets
+    PatchSetup patch;
+};
+
+// Plans a narrow sweep and, unless it fails, writes the planner fields of `settings`.
+//   settings  start and stop as the setters store them, less than NARROW_SWEEP_MAX_SPAN apart; the rest may be wild
+// tqAllocationErr, before anything large is allocated, when the capture is longer than can be counted or the buffers of
+// the sweep exceed the machine's memory; `plan` is then not usable. May throw std::bad_alloc.
+TqStatus PlanSweepNarrow(TqSweepSettings& settings, const TqRFSettings& rfConfig, TqCorrections& corrections,
+                         Tq720Config& deviceConfig, NarrowSweepPlan& plan);

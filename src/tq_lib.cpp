@@ -115,6 +115,10 @@ int64_t GetEpochNanos() {
 void SetThreadPriorityAboveNormal(std::thread& thread) { SetRealTimePriority(thread); }
 void SetThreadPriorityTimeCritical(std::thread& thread) { SetRealTimePriority(thread); }
 
+bool FitsInMemory(double bytes) {
+    return bytes <= static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
 int GetDataTypeSize(TqDataType dataType) {
     return static_cast<int>(dataType == tqDataType16sc ? sizeof(Ipp16sc) : sizeof(Ipp32fc));
 }
@@ -159,6 +163,8 @@ bool GetCorrectionsFromFile(int serialNumber, void* calMem) {
     std::memcpy(calMem, record.data(), record.size());
     return true;
 }
+
+void RemoveCorrectionFile(int serialNumber) { unlink(CorrectionFilePath(serialNumber).c_str()); }
 
 bool StoreGPSCorrection(int serial, TqGPSCal cal) {
     TqGPSCalOnFile file{};

@@ -5,6 +5,7 @@
 
 #include "tq_api.h"
 
+#include <atomic>
 #include <vector>
 
 // Limits of the setters.
@@ -89,10 +90,11 @@ struct TqIQSweepListSettings {
     std::vector<TqIQSweepListStep> steps;
 };
 
+// The audio engine gets no copy: a change of the atomic fields is heard at its next block.
 struct TqAudioSettings {
     double center = 9.71e7;
-    TqAudioType audioType = tqAudioTypeFM;
-    double ifBandwidth = 200000.0;
+    std::atomic<TqAudioType> audioType = tqAudioTypeFM;
+    std::atomic<double> ifBandwidth = 200000.0;
     double audioLpf = 12000.0;
     double audioHpf = 100.0;
     double fmDeemphasis = 75.0;

@@ -34,50 +34,7 @@ Complex ResponseAt(const Values& values, double f) {
     return sum;
 }
 
-Complex Value(double sample) { return sample; }
 Complex Value(const Ipp32fc& sample) { return {sample.re, sample.im}; }
-
-template <typename Sample>
-std::vector<Sample> Noise(int count, unsigned seed) {
-    std::mt19937 engine(seed);
-    std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
-    std::vector<Sample> samples(static_cast<size_t>(count));
-    for (Sample& sample : samples) {
-        if constexpr (std::is_same_v<Sample, Ipp32fc>) {
-            sample = {uniform(engine), uniform(engine)};
-        } else {
-            sample = uniform(engine);
-        }
-    }
-    return samples;
-}
-
-// Also that new taps forget the past.
-template <typename Filter, typename Sample, typename Real>
-void ExpectOneConvolution() {
-    constexpr int BLOCKS[] = {1, 7, 100, 3, 500, 389};
-    constexpr size_t COUNT = 1000;
-    const auto x = Noise<Sample>(COUNT, 5);
-    Filter filter;
-    EXPECT_DEATH(filter.SetTaps(x.data(), 0), "tapsLen > 0");
-    for (const int tapCount : {1, 2, 31, 150}) {
-        const auto taps = Noise<Sample>(tapCount, 6);
-        filter.SetTaps(taps.data(), tapCount);
-        auto y = x;
-        Sample* block = y.data();
-        for (const int length : BLOCKS) {
-            EXPECT_EQ(filter.Filter(block, block, length), 0);
-            block += length;
-        }
-        // Each product and each sum, of magnitude below 2 * tapCount, is rounded once.
-        const double bound = 2.0 * tapCount * std::numeric_limits<Real>::epsilon();
-        for (size_t n = 0; n < COUNT; n++) {
-            Complex expected = 0.0;
-            for (size_t k = 0; k < taps.size() && k <= n; k++) expected += Value(taps[k]) * Value(x[n - k]);
-            ASSERT_LT(std::abs(Value(y[n]) - expected), bound) << "taps " << tapCount << " sample " << n;
-        }
-    }
-}
 
 }  // namespace
 
@@ -95,26 +52,6 @@ TEST(DspVector, IsAlignedAndKeepsItsBoundsThroughResize) {
     EXPECT_TRUE(v.empty());
     EXPECT_EQ(v.size(), 0);
     EXPECT_DEATH(v[0] = 1, "mem && pos < capacity");
-}
-
-// The forward transform is checked bin by bin in the sweep processor.
-TEST(DspFFT, InverseUndoesForwardAndMayRunInPlace) {
-    constexpr int ORDER = 6;
-    const auto x = Noise<Ipp32fc>(1 << ORDER, 1);
-    DSP::FFT_32fc fft(ORDER, 1, ippAlgHintFast);
-    auto spectrum = x;
-    auto back = x;
-    fft.FwdFFT_I(spectrum.data());
-    fft.InvFFT(spectrum.data(), back.data());
-    EXPECT_LT(std::abs(Value(spectrum[0])), 0.5) << "divided by the length";
-    for (size_t n = 0; n < x.size(); n++) EXPECT_LT(std::abs(Value(back[n]) - Value(x[n])), 2e-6) << n;
-    EXPECT_DEATH(DSP::FFT_32fc(40, 1, ippAlgHintFast), "status == 0");
-}
-
-TEST(DspFir, BlocksOfAnyLengthAreOneConvolution) {
-    ExpectOneConvolution<DSP::FIR_32f, float, float>();
-    ExpectOneConvolution<DSP::FIR_64f, double, double>();
-    ExpectOneConvolution<DSP::FIR_32fc, Ipp32fc, float>();
 }
 
 TEST(DspIir, LowpassPassesDCAndHighpassDoesNot) {
@@ -193,80 +130,6 @@ TEST(DspWindow, BandwidthsAreThoseOfTheWindows) {
     for (size_t n = 0; n < 9; n++) EXPECT_NEAR(w[n], NINE_POINTS[std::min(n, 8 - n)], 6e-7) << n;
 
     EXPECT_DEATH(DSP::GetWindowBandwidth(static_cast<TqWindowType>(6)), "assertion failed: false");
-}
-
-TEST(DspWindow, NormalizingMakesTheSumTheLengthWithItsPadding) {
-    constexpr int PADDED = 1024;
-    std::vector<double> w64(PADDED, 0.0);
-    std::vector<float> w32(PADDED, 0.0f);
-    std::vector<Ipp32fc> wc(PADDED, {0.0f, 7.0f});
-    DSP::buildWindowFunction(tqWindowFlatTop, w64.data(), 1000);
-    for (size_t n = 0; n < PADDED; n++) wc[n].re = w32[n] = static_cast<float>(w64[n]);
-    DSP::NormalizeWindow(w64.data(), PADDED);
-    DSP::NormalizeWindow(w32.data(), PADDED);
-    DSP::NormalizeWindow(wc.data(), PADDED);
-    EXPECT_NEAR(ResponseAt(w64, 0.0).real(), PADDED, PADDED * 1e-14);
-    for (size_t n = 0; n < PADDED; n++) {
-        EXPECT_NEAR(w32[n], w64[n], 1e-6) << n;
-        EXPECT_EQ(Value(wc[n]), Complex(w32[n], 7.0)) << n;
-    }
-}
-
-TEST(DspDesign, NarrowedLowpassesAreTheDoubleOne) {
-    double t64[31];
-    float t32[31];
-    Ipp32fc tc[31];
-    DSP::GetLowpassFIRTaps_64f(t64, 31, 0.1f, ippWinBlackman, ippTrue);
-    DSP::GetLowpassFIRTaps_32f(t32, 31, 0.1f, ippWinBlackman, ippTrue);
-    DSP::GetLowpassFIRTaps_32fc(tc, 31, 0.1f, ippWinBlackman, ippTrue);
-    for (size_t n = 0; n < 31; n++) {
-        EXPECT_EQ(t32[n], static_cast<float>(t64[n]));
-        EXPECT_EQ(Value(tc[n]), Complex(t32[n], 0.0));
-    }
-}
-
-// All 65536 values; at short lengths, that the scratch inside the destination survives its own expansion and stays
-// inside.
-TEST(DspConvert, EveryDeviceValueLosesItsOffsetExactly) {
-    constexpr int COUNT = 32768;
-    std::vector<Ipp16sc> all(COUNT);
-    for (int n = 0; n < COUNT; n++) {
-        all[static_cast<size_t>(n)] = {static_cast<Ipp16s>(2 * n - 32768), static_cast<Ipp16s>(2 * n - 32767)};
-    }
-    const auto expected = [](Ipp16s value) { return static_cast<float>(std::max(value - 576, -32768)) / 32768.0f; };
-    std::vector<int> lengths(40);
-    std::iota(lengths.begin(), lengths.end(), 1);
-    lengths.push_back(COUNT);
-    for (const int length : lengths) {
-        const Ipp16sc* src = all.data() + COUNT - length;
-        std::vector<Ipp32fc> guarded(static_cast<size_t>(length) + 2, {1234.0f, 1234.0f});
-        EXPECT_EQ(DSP::Convert_16sc32fc(src, guarded.data() + 1, length), 0);
-        for (int n = 0; n < length; n++) {
-            const Ipp32fc& got = guarded[static_cast<size_t>(n) + 1];
-            ASSERT_EQ(got.re, expected(src[n].re)) << length;
-            ASSERT_EQ(got.im, expected(src[n].im)) << length;
-        }
-        EXPECT_EQ(guarded.front().im, 1234.0f);
-        EXPECT_EQ(guarded.back().re, 1234.0f);
-    }
-}
-
-TEST(DspConvert, FloatToDeviceRoundsAndSaturates) {
-    const Ipp32fc src = {1.5f / 32768, 3e38f};
-    Ipp16sc dst;
-    DSP::Convert_32fc16sc(&src, &dst, 1);
-    EXPECT_EQ(dst.re, 2);
-    EXPECT_EQ(dst.im, 32767);
-}
-
-TEST(DspConvert, DecibelsBecomeAmplitude) {
-    for (float dB = -200.0f; dB <= 40.0f; dB += 0.37f) {
-        float linear = dB;
-        DSP::DBCalToLin_32f(&linear, 1);
-        // Constant and product are rounded to float, and the exponential magnifies that by its argument.
-        const double bound = (std::abs(dB) * 0.116 + 4.0) * std::numeric_limits<float>::epsilon();
-        EXPECT_NEAR(linear / std::pow(10.0, dB / 20.0), 1.0, bound) << dB;
-    }
 }
 
 TEST(DspNumbers, RoundingTakesHalvesUpAndSaturates) {

@@ -200,4 +200,128 @@ TEST_F(SweepPlanning, UartBytesLeadTheFirstStepAboveTheirFrequency) {
     EXPECT_EQ(sent, expected);
 }
 
+// --- Narrow sweeps ---
+
+struct NarrowPlanned {
+    TqStatus status;
+    TqSweepSettings settings;
+    NarrowSweepPlan plan;
+};
+
+class NarrowSweepPlanning : public testing::Test {
+protected:
+    NarrowPlanned Plan(TqSweepSettings settings, double center, double span, TqRFSettings rf = {}) {
+        settings.start = center - span / 2;
+        settings.stop = center + span / 2;
+        NarrowSweepPlan plan;
+        const TqStatus status = PlanSweepNarrow(settings, rf, corrections, config, plan);
+        return {status, settings, plan};
+    }
+
+    TqCorrections corrections;
+    Tq720Config config;
+};
+
+TEST_F(NarrowSweepPlanning, SizesFollowSpanBandwidthsAndSweepTime) {
+    const struct {
+        const char* name;
+        double span;
+        TqSweepSettings settings;
+        int softwareDecimation;
+        int bestFFTSize;
+        int fftSize;
+        int fftsPerStep;
+        int pktPerStep;
+        int sweepSize;
+        int narrowSweepOffset;
+    } CASES[] = {
+        {"widest, defaults", 4999999.0, {}, 2, 964, 1024, 1, 4, 670, 177},
+        {"ten hertz", 1e3, Ask(10.0, 10.0), 64, 90484, 131072, 1, 4100, 548, 65262},
+        {"video filter", 100e3, Ask(1e3, 100.0), 64, 904, 1024, 10, 132, 430, 297},
+        {"sweep time", 1e6, Ask(10e3, 10e3, 0.1), 8, 722, 1024, 748, 756, 536, 244},
+        {"RBW beyond the sample rate", 1e6, Ask(1e9, 1e9), 8, 4, 64, 1, 12, 36, 14},
+        {"RBW beyond the longest transform", 1e3, Ask(1e-3, 1e-3), 64, 1 << 25, 1 << 25, 1, 1048580, 139812, 16707310},
+        {"no span at all", 0.0, Ask(10.0, 10.0), 64, 90484, 131072, 1, 4100, 2, 65535},
+    };
+    for (const auto& c : CASES) {
+        const NarrowPlanned planned = Plan(c.settings, 1e9, c.span);
+        ASSERT_EQ(planned.status, tqNoError) << c.name;
+        const SweepSetup& setup = planned.plan.setup;
+        EXPECT_EQ(setup.bestFFTSize, c.bestFFTSize) << c.name;
+        EXPECT_EQ(setup.fftSize, c.fftSize) << c.name;
+        EXPECT_EQ(setup.fftsPerStep, c.fftsPerStep) << c.name;
+        EXPECT_EQ(setup.pktPerStep, c.pktPerStep) << c.name;
+        EXPECT_EQ(planned.plan.commands.GetTotalXferCount(), c.pktPerStep) << c.name;
+        EXPECT_EQ(planned.settings.sweepSize, c.sweepSize) << c.name;
+        EXPECT_EQ(setup.narrowSweepOffset, c.narrowSweepOffset) << c.name;
+        EXPECT_EQ(setup.numSteps, 1) << c.name;
+
+        // What the transforms read, behind the filter's delay, is what the capture delivers.
+        const double rate = 15.36e6 / c.softwareDecimation;
+        const int64_t wanted =
+            1024 / c.softwareDecimation + c.bestFFTSize + int64_t{c.fftsPerStep - 1} * (c.fftSize / 4);
+        EXPECT_LE(wanted, int64_t{c.pktPerStep} * 2048 / c.softwareDecimation) << c.name;
+        EXPECT_NEAR(planned.settings.actualRbw * c.bestFFTSize / rate, 3.7702, 1e-12) << c.name;
+
+        // Bin fftSize / 2 stands at the centre, and the bins reach over both ends of the span.
+        const double binSize = planned.settings.binSize;
+        EXPECT_DOUBLE_EQ(binSize, rate / c.fftSize) << c.name;
+        const double center = planned.settings.firstBinFreq + (c.fftSize / 2 - c.narrowSweepOffset) * binSize;
+        EXPECT_NEAR(center, 1e9, 1e-6) << c.name;
+        EXPECT_LE(planned.settings.firstBinFreq, planned.settings.start) << c.name;
+        EXPECT_GE(planned.settings.firstBinFreq + (c.sweepSize - 0.5) * binSize, planned.settings.stop) << c.name;
+    }
+}
+
+TEST_F(NarrowSweepPlanning, PlansThatNoMachineHoldsAreRefusedUntouched) {
+    const struct {
+        const char* name;
+        double span;
+        TqSweepSettings settings;
+    } CASES[] = {
+        {"slow video filter", 1e3, Ask(1e-2, 1e-6)},
+        {"memory", 4.9e6, Ask(1e4, 1e4, 2e4)},
+        {"packets beyond int", 1e3, Ask(10., 10., 1e6)},
+        {"endless", 1e3, Ask(10.0, 10.0, INFINITY)},
+        {"RBW NaN", 1e3, Ask(NAN, 10.0)},
+        {"VBW NaN", 1e3, Ask(10.0, NAN)},
+        {"VBW 0", 1e3, Ask(10.0, 0.0)},
+        {"time NaN", 1e3, Ask(10.0, 10.0, NAN)},
+    };
+    for (const auto& c : CASES) {
+        const NarrowPlanned planned = Plan(c.settings, 1e9, c.span);
+        EXPECT_EQ(planned.status, tqAllocationErr) << c.name;
+        EXPECT_EQ(planned.settings.sweepSize, 0) << c.name;
+        EXPECT_EQ(planned.plan.commands.GetCommandCount(), 0) << c.name;
+    }
+    EXPECT_DEATH(Plan({}, 1e9, NARROW_SWEEP_MAX_SPAN), "NARROW_SWEEP_MAX_SPAN");
+}
+
+// Near 1 GHz: front end, filter, start at the hardware's decimation of four, fetches, stop and no aux packet.
+TEST_F(NarrowSweepPlanning, BlocksHoldTheseWords) {
+    const NarrowPlanned planned = Plan(Ask(1e3, 100.0, 0.3), 1e9, 100e3, {.atten = 2});  // 36 packets at 240 kHz
+    ASSERT_EQ(planned.plan.setup.pktPerStep, 2308);
+    const PatchSetup& patch = planned.plan.patch;
+    EXPECT_EQ(patch.actualFreq, 1000320000.0);
+    double rfOffset = 0.0;
+    std::array<Ipp32fc, 31> coeffs;
+    corrections.GetIFCorrections(34, 267, coeffs.data(), rfOffset);
+    EXPECT_EQ(patch.coarseCorrection, static_cast<float>(corrections.GetRFCorrection(2, 34) + rfOffset));
+
+    std::array<uint32_t, 24> tune;
+    ASSERT_EQ(config.Configure(tune.data(), 1025280000.0, 1021440000.0, corrections.GetRoughGain(34), 10, 26), 24);
+    TqCommand expected;
+    expected.StartNewCommand();
+    expected.AddWords(tune.data(), 24);
+    expected.AddFIRCoeffs(coeffs.data());
+    expected.AddStartIQ(3);
+    for (int i = 0; i < 9; i++) {
+        expected.AddFetchIQ(255, 0);
+        expected.StartNewCommand();
+    }
+    expected.AddFetchIQ(13, 0);
+    expected.AddStopIQ();
+    EXPECT_EQ(planned.plan.commands.cmds, expected.cmds);
+}
+
 }  // namespace

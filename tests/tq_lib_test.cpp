@@ -72,14 +72,6 @@ TEST_F(LocalFiles, SleepsAreMillisecondsAndNotForNegativeTimes) {
     EXPECT_EQ(sim::Sleeps().total, std::chrono::seconds(3));
 }
 
-TEST(TqLib, ClocksAgreeOnTheirUnits) {
-    const auto now = static_cast<double>(std::time(nullptr));
-    EXPECT_NEAR(static_cast<double>(GetEpochSeconds()), now, 1.0);
-    EXPECT_NEAR(static_cast<double>(GetEpochNanos()) / 1e9, now, 2.0);
-    const std::chrono::duration<double, std::milli> monotonic = std::chrono::steady_clock::now().time_since_epoch();
-    EXPECT_NEAR(static_cast<double>(GetSystemTicks()), monotonic.count(), 1000.0);
-}
-
 TEST_F(LocalFiles, RecordComesBackUnderItsSerialNumber) {
     for (const Bytes* saved : {&record, &newer}) {
         ASSERT_TRUE(SaveCorrectionFile(1234, saved->data()));
