@@ -11,7 +11,9 @@ function(add_isa_objects out)
         target_include_directories(tq_kernels_${isa} PRIVATE ${CMAKE_SOURCE_DIR}/src)
         target_compile_options(tq_kernels_${isa} PRIVATE ${flags_${isa}})
         # The long straight-line transforms would take GCC minutes each with all checks on every register.
-        if(TQ_SANITIZE MATCHES address)
+        if(TQ_SANITIZE MATCHES fuzzer)
+            target_compile_options(tq_kernels_${isa} PRIVATE -fno-sanitize=all -O0)
+        elseif(TQ_SANITIZE MATCHES address)
             target_compile_options(tq_kernels_${isa} PRIVATE
                 -fno-sanitize=undefined -fno-sanitize-address-use-after-scope --param asan-stack=0)
         endif()

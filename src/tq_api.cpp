@@ -3,6 +3,7 @@
 #include "backend_usb.h"
 #include "device_interface.h"
 #include "dsp.h"
+#include "tq_api_frame.h"
 #include "tq_device.h"
 #include "tq_lib.h"
 
@@ -10,7 +11,6 @@
 #include <array>
 #include <bit>
 #include <cmath>
-#include <exception>
 #include <memory>
 #include <span>
 #include <utility>
@@ -54,17 +54,6 @@ static_assert(std::ranges::is_sorted(STATUS_TEXTS, {}, &StatusText::status));
 // shut down behind its back, in the middle of static destruction.
 std::array<TqDevice*, MAX_DEVICES> deviceList{};
 
-// The device behind a handle; null: tqInvalidDeviceErr.
-TqDevice* GetDevice(int device) {
-    return device >= 0 && device < MAX_DEVICES ? deviceList[static_cast<size_t>(device)] : nullptr;
-}
-
-// Enumerated arguments come from C, so any int can stand in them: 0 to `last` is valid.
-template <typename E>
-bool InRange(E value, E last) {
-    return static_cast<unsigned>(value) <= static_cast<unsigned>(last);
-}
-
 template <typename T>
 void SetIfWanted(T* output, T value) {
     if (output != nullptr) *output = value;
@@ -73,16 +62,6 @@ void SetIfWanted(T* output, T value) {
 // Powers of two that the instrument and the host can decimate by together.
 bool IsValidDecimation(int decimation) {
     return decimation >= 1 && decimation <= MAX_DECIMATION && std::has_single_bit(static_cast<unsigned>(decimation));
-}
-
-// The wall: what is called here may allocate, and no exception crosses an export.
-template <typename Call>
-TqStatus Guarded(Call&& call) {
-    try {
-        return call();
-    } catch (const std::exception&) {
-        return tqAllocationErr;
-    }
 }
 
 // Lowest free handle, or MAX_DEVICES.
@@ -95,6 +74,7 @@ TqStatus OpenDevice(int* device, int serialNumber) {
     const int handle = GetNextAvailableDeviceHandle();
     if (handle == MAX_DEVICES) return tqMaxDevicesConnectedErr;
 
+    if (IsBootDevice(serialNumber)) return tqDeviceNotFoundErr;
     auto usb = std::make_unique<DeviceInterface>();
     TqStatus status = usb->Connect(serialNumber);
     if (status < tqNoError) return status;
@@ -109,6 +89,10 @@ TqStatus OpenDevice(int* device, int serialNumber) {
 }
 
 }  // namespace
+
+TqDevice* GetDevice(int device) {
+    return device >= 0 && device < MAX_DEVICES ? deviceList[static_cast<size_t>(device)] : nullptr;
+}
 
 // --- Texts ---
 
@@ -654,6 +638,20 @@ TqStatus tqGetIQParameters(int device, double* sampleRate, double* bandwidth) {
     return dev->GetIQParameters(sampleRate, bandwidth);
 }
 
+TqStatus tqGetIQCorrection(int device, float* scale) {
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
+    if (scale == nullptr) return tqNullPtrErr;
+    return dev->GetIQCorrection(*scale);
+}
+
+TqStatus tqIQSweepListGetCorrections(int device, float* corrections) {
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
+    if (corrections == nullptr) return tqNullPtrErr;
+    return dev->IQSweepListGetCorrections(corrections);
+}
+
 // --- Data ---
 
 TqStatus tqGetSweep(int device, float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch) {
@@ -662,51 +660,52 @@ TqStatus tqGetSweep(int device, float* sweepMin, float* sweepMax, int64_t* nsSin
     return Guarded([&] { return dev->GetSweep(sweepMin, sweepMax, nsSinceEpoch); });
 }
 
-// The calls below belong to engines that this version does not have: the modes that they need never run.
-
-TqStatus tqGetIQCorrection(int device, float* scale) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
-    if (scale == nullptr) return tqNullPtrErr;
-    return tqInvalidConfigurationErr;
+TqStatus tqGetRealTimeFrame(int device, float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax,
+                            int* frameCount, int64_t* nsSinceEpoch) {
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
+    int count = 0;
+    int64_t time = 0;
+    const TqStatus status =
+        Guarded([&] { return dev->GetRealTimeFrame(colorFrame, alphaFrame, sweepMin, sweepMax, count, time); });
+    SetIfWanted(frameCount, count);
+    SetIfWanted(nsSinceEpoch, time);
+    return status;
 }
 
-TqStatus tqIQSweepListGetCorrections(int device, float* corrections) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
-    if (corrections == nullptr) return tqNullPtrErr;
-    return tqInvalidConfigurationErr;
-}
-
-TqStatus tqGetRealTimeFrame(int device, float*, float*, float*, float*, int* frameCount, int64_t* nsSinceEpoch) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
-    SetIfWanted(frameCount, 0);
-    SetIfWanted(nsSinceEpoch, int64_t{0});
-    return tqInvalidConfigurationErr;
-}
-
-TqStatus tqGetIQ(int device, void* iqBuf, int iqBufSize, double*, int, int64_t*, TqBool, int*, int*) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
+TqStatus tqGetIQ(int device, void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
+                 TqBool purge, int* sampleLoss, int* samplesRemaining) {
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
     if (iqBuf == nullptr) return tqNullPtrErr;
     if (iqBufSize < 1) return tqInvalidParameterErr;
-    return tqInvalidConfigurationErr;
+    return Guarded([&] {
+        return dev->GetIQ(iqBuf, iqBufSize, triggers, triggerBufSize, nsSinceEpoch, purge, sampleLoss,
+                          samplesRemaining);
+    });
 }
 
-TqStatus tqIQSweepListGetSweep(int device, void*, int64_t*) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
-    return tqInvalidConfigurationErr;
+TqStatus tqIQSweepListGetSweep(int device, void* dst, int64_t* timestamps) {
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
+    return Guarded([&] { return dev->IQSweepListGetSweep(dst, timestamps); });
 }
 
-TqStatus tqIQSweepListStartSweep(int device, int, void*, int64_t*) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
-    return tqInvalidConfigurationErr;
+TqStatus tqIQSweepListStartSweep(int device, int pos, void* dst, int64_t* timestamps) {
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
+    return Guarded([&] { return dev->IQSweepListBeginSweep(pos, dst, timestamps); });
 }
 
-TqStatus tqIQSweepListFinishSweep(int device, int) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
-    return tqInvalidConfigurationErr;
+TqStatus tqIQSweepListFinishSweep(int device, int pos) {
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
+    return Guarded([&] { return dev->IQSweepListFinishSweep(pos); });
 }
 
 TqStatus tqGetAudio(int device, float* audio) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
+    TqDevice* const dev = GetDevice(device);
+    if (dev == nullptr) return tqInvalidDeviceErr;
     if (audio == nullptr) return tqNullPtrErr;
-    return tqInvalidConfigurationErr;
+    return Guarded([&] { return dev->GetAudio(audio); });
 }

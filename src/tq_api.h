@@ -22,9 +22,9 @@
  *   The calls under "Reference, ports and UART", "GPS" and "State of the instrument" act at once instead.
  *
  * MODES OF THIS VERSION
- *   This version runs tqModeSweeping with spans of 5 MHz and more. For any other mode, and for smaller spans,
- *   tqConfigure answers tqInvalidParameterErr and leaves the device idle. The settings of all modes can be stored;
- *   data and parameter calls of a mode that is not running answer tqInvalidConfigurationErr.
+ *   This version runs tqModeSweeping, tqModeIQStreaming and tqModeIQSweepList. For any other mode tqConfigure answers
+ *   tqInvalidParameterErr and leaves the device idle. The settings of all modes can be stored; data and parameter calls
+ *   of a mode that is not running answer tqInvalidConfigurationErr.
  *
  * STATUS
  *   Below 0 the call did not do what was asked; 0 is success; above 0 the call did its work, with a reservation. Test
@@ -44,7 +44,8 @@
  *
  * THE STREAMING GATE
  *   While tqModeRealTime, tqModeIQStreaming or tqModeAudio runs, the instrument takes no other commands. "Gated" below
- *   means tqInvalidConfigurationErr in these modes; calls that would refresh a reading answer with the last one.
+ *   means tqInvalidConfigurationErr in these modes; calls that would refresh a reading answer with the last one. The
+ *   same holds while a pass through an I/Q sweep list is under way.
  *
  * UNITS
  *   Frequencies and bandwidths in Hz, times in seconds, levels in dBm, temperatures in degrees Celsius, time stamps
@@ -325,7 +326,10 @@ TQ_API TqStatus tqSetRealTimeRBW(int device, double rbw);
 /** tqDetectorMinMax at first. */
 TQ_API TqStatus tqSetRealTimeDetector(int device, TqDetector detector);
 
-/** Unit, level at the top of the frame and its height in dB; tqScaleLog, 0 and 100 at first. */
+/**
+ * Unit of the sweeps; level at the top of the frame [dBm] and, with tqScaleLog, its height [dB]. tqScaleLog, 0 and 100
+ * at first. The frame of tqScaleLin begins at 0 mV; that of tqScaleFullScale has all hits in its lowest row.
+ */
 TQ_API TqStatus tqSetRealTimeScale(int device, TqScale scale, double frameRef, double frameScale);
 
 /** tqWindowNutall at first. */
@@ -387,7 +391,7 @@ TQ_API TqStatus tqSetIQSweepListSampleCount(int device, int step, uint32_t sampl
 /** 9 kHz to 15 GHz (clamped); 97.1 MHz at first. */
 TQ_API TqStatus tqSetAudioCenterFreq(int device, double centerFreqHz);
 
-/** tqAudioTypeFM at first. */
+/** tqAudioTypeFM at first. To and from tqAudioTypeCW at the next tqConfigure; between others at the next block. */
 TQ_API TqStatus tqSetAudioType(int device, TqAudioType audioType);
 
 /**
@@ -406,9 +410,9 @@ TQ_API TqStatus tqSetAudioFMDeemphasis(int device, double deemphasis);
 /**
  * Stops the running mode, wakes the instrument if need be, fits all corrections to its present temperature and starts
  * `mode`. Blocks for the planning, a fraction of a second for the widest sweep. On failure the device is idle:
- * tqInvalidParameterErr (a mode or span that cannot be run; tqModeIdle too: tqAbort is the way to idle),
- * tqAllocationErr (an RBW that takes more memory than there is), tqConnectionLostErr. A value that is no mode at all
- * is rejected before anything is stopped.
+ * tqInvalidParameterErr (a mode that cannot be run; tqModeIdle too: tqAbort is the way to idle),
+ * tqInvalidConfigurationErr (an I/Q sweep list without steps), tqAllocationErr (an RBW or a list that takes more memory
+ * than there is), tqConnectionLostErr. A value that is no mode at all is rejected before anything is stopped.
  */
 TQ_API TqStatus tqConfigure(int device, TqMode mode);
 TQ_API TqStatus tqGetCurrentMode(int device, TqMode* mode);
@@ -431,13 +435,17 @@ TQ_API TqStatus tqGetSweepParameters(int device, double* actualRBW, double* actu
 /**
  *   sweepSize                out, bins of the sweeps
  *   frameWidth, frameHeight  out, size of the frames
- *   poi                      out, shortest duration that is caught with certainty
+ *   poi                      out, shortest duration that is caught at its full level wherever it begins
  * tqInvalidConfigurationErr unless tqModeRealTime runs.
  */
 TQ_API TqStatus tqGetRealTimeParameters(int device, double* actualRBW, int* sweepSize, double* actualStartFreq,
                                         double* binSize, int* frameWidth, int* frameHeight, double* poi);
 
-/** tqInvalidConfigurationErr unless tqModeIQStreaming runs. */
+/**
+ *   sampleRate  out, of the samples of tqGetIQ
+ *   bandwidth   out, of the filter that they go through
+ * tqInvalidConfigurationErr unless tqModeIQStreaming runs.
+ */
 TQ_API TqStatus tqGetIQParameters(int device, double* sampleRate, double* bandwidth);
 
 /** Factor from tqDataType16sc samples to the corrected scale. tqInvalidConfigurationErr as tqGetIQParameters. */
@@ -459,27 +467,34 @@ TQ_API TqStatus tqIQSweepListGetCorrections(int device, float* corrections);
 TQ_API TqStatus tqGetSweep(int device, float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch);
 
 /**
- * Blocks until the next frame, 30 a second; every output is optional.
- *   colorFrame, alphaFrame  out, frameWidth x frameHeight floats each
- *   sweepMin, sweepMax      out, sweepSize floats each
- *   colorFrame              how often each pixel was hit; row 0 holds the lowest level
- *   alphaFrame              0.0 to 1.0
- *   frameCount              out, running number of the frame from 0 on; 0 without a frame
- *   nsSinceEpoch            out, when the frame was finished; 0 without a frame
+ * The next real-time frame; blocks until it is finished. 30 a second, out of spectra that overlap by half and leave no
+ * sample out; 40 finished frames wait for the caller, then the oldest are overwritten and frameCount shows the gap.
+ *   colorFrame, alphaFrame  out, optional, frameWidth x frameHeight floats each, row by row; row 0 holds the lowest
+ *                           level, and a column's frequencies are those of sweepSize / frameWidth bins
+ *   colorFrame              share of hits of each pixel over the last 39 frames; a whole column is 0.975
+ *   alphaFrame              1.0 where this frame hit, fading to 0.0 with the hits of the last 39
+ *   sweepMin, sweepMax      out, optional, sweepSize floats each in the unit of tqSetRealTimeScale: extremes of the
+ *                           frame's spectra, or, with tqDetectorAverage, twice their average
+ *   frameCount              out, optional, running number of the frame from 0 on; 0 without a frame
+ *   nsSinceEpoch            out, optional, when the frame was finished; 0 without a frame
+ * tqTempDrift, tqADCOverflow, tqUncalData: with reservation. tqFramingErr and tqConnectionLostErr, too, come with a
+ * frame.
  */
 TQ_API TqStatus tqGetRealTimeFrame(int device, float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax,
                                    int* frameCount, int64_t* nsSinceEpoch);
 
 /**
- * The next samples of the stream; blocks until they are there.
+ * The next samples of the stream; blocks until they are there. Half a second of samples waits for the caller: when
+ * that fills up all of it is dropped, and what follows is in one piece again.
  *   iqBuf             out, iqBufSize samples of the type of tqSetIQDataType
  *   iqBufSize         complex samples, at least 1
  *   triggers          out, optional, triggerBufSize sample positions in this buffer, unused places as
  *                     tqSetIQTriggerSentinel says
  *   nsSinceEpoch      out, optional, time of the first sample
  *   purge             tqTrue: drop what has piled up and start with fresh samples
- *   sampleLoss        out, optional, 1 when samples were lost before these
+ *   sampleLoss        out, optional, 1 when samples were lost since the last report: before these or among them
  *   samplesRemaining  out, optional, samples that could be had without waiting
+ * tqConnectionLostErr: the buffer is not filled. tqFramingErr and the warnings come with the samples.
  */
 TQ_API TqStatus tqGetIQ(int device, void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize,
                         int64_t* nsSinceEpoch, TqBool purge, int* sampleLoss, int* samplesRemaining);
@@ -491,7 +506,13 @@ TQ_API TqStatus tqIQSweepListGetSweep(int device, void* dst, int64_t* timestamps
 TQ_API TqStatus tqIQSweepListStartSweep(int device, int pos, void* dst, int64_t* timestamps);
 TQ_API TqStatus tqIQSweepListFinishSweep(int device, int pos);
 
-/** The next 1000 samples of audio, 30000 a second; blocks until they are there. */
+/**
+ * The next 1000 samples of audio, 30000 a second; blocks until they are there. One second is kept: a caller that falls
+ * behind by more misses some, without a status. Once the instrument is lost the samples are 0, and the status
+ * tqConnectionLostErr at every call.
+ *   audio  peaks at full modulation: AM its depth, FM 1.05 for a deviation of half of ifBandwidth, sidebands and CW
+ *          about 1
+ */
 TQ_API TqStatus tqGetAudio(int device, float* audio);
 
 #ifdef __cplusplus

@@ -2,8 +2,17 @@
 
 #include "device_interface.h"
 #include "dsp.h"
+#include "engine_audio.h"
+#include "engine_iq.h"
+#include "engine_iq_full_band.h"
+#include "engine_iq_sweep_list.h"
+#include "engine_real_time.h"
 #include "engine_sweep.h"
+#include "engine_sweep_narrow.h"
 #include "ipps.h"
+#include "list_plan.h"
+#include "real_time_plan.h"
+#include "stream_plan.h"
 #include "sweep_plan.h"
 #include "tq_assert.h"
 #include "tq_command.h"
@@ -50,8 +59,8 @@ bool AnyNaN(std::initializer_list<double> values) {
 }
 
 // Stores `value`, limited to [low, high]; whether it had to be.
-template <typename T>
-bool StoreClamped(T& field, T value, T low, T high) {
+template <typename Field, typename T>
+bool StoreClamped(Field& field, T value, T low, T high) {
     field = std::clamp(value, low, high);
     return field != value;
 }
@@ -131,44 +140,132 @@ TqStatus TqDevice::Configure(TqMode mode) {
     status = UpdateDeviceTimebase();
     if (status != tqNoError) return status;
 
-    status = tqInvalidParameterErr;
-    if (mode == tqModeSweeping && sweepSettings.Span() >= NARROW_SWEEP_MAX_SPAN) status = ConfigureModeSweep();
-    if (status >= tqNoError) currentMode = mode;
+    try {
+        status = PlanMode(mode);
+    } catch (const std::exception&) {  // std::bad_alloc, or std::system_error from a thread that could not start
+        status = tqAllocationErr;
+    }
+    if (status < tqNoError) {
+        Abort();
+    } else {
+        currentMode = mode;
+    }
     return status;
 }
 
-// Plans the wide sweep and starts its engine, which copies all that it is given.
+// Plans the mode and starts its engine, which copies all that it is given.
+TqStatus TqDevice::PlanMode(TqMode mode) {
+    switch (static_cast<int>(mode)) {
+        case tqModeSweeping:
+            return sweepSettings.Span() < NARROW_SWEEP_MAX_SPAN ? ConfigureModeSweepNarrow() : ConfigureModeSweep();
+        case tqModeRealTime:
+            return ConfigureModeRealTime();
+        case tqModeIQStreaming:
+            return ConfigureModeIQStreaming(iqSettings.dataType);
+        case tqModeIQSweepList:
+            return ConfigureModeIQSweepList();
+        case tqModeAudio:
+            return ConfigureModeAudio();
+        case tqModeIQFullBand:
+            return ConfigureModeIQFullBand();
+        default:
+            return tqInvalidParameterErr;
+    }
+}
+
 TqStatus TqDevice::ConfigureModeSweep() {
-    try {
-        std::vector<GPIOSweepStep> bytesOnTheWay;
-        if (gpioFunction == TqGPIOFunctionUARTSweep) bytesOnTheWay = gpioSweepSteps;
+    std::vector<GPIOSweepStep> bytesOnTheWay;
+    if (gpioFunction == TqGPIOFunctionUARTSweep) bytesOnTheWay = gpioSweepSteps;
 
-        SweepPlan plan;
-        const TqStatus status = PlanSweepWide(sweepSettings, rfConfig, bytesOnTheWay, corrections, deviceConfig, plan);
-        if (status < tqNoError) return status;
+    SweepPlan plan;
+    const TqStatus status = PlanSweepWide(sweepSettings, rfConfig, bytesOnTheWay, corrections, deviceConfig, plan);
+    if (status < tqNoError) return status;
+    LoadLowFreqCurve();
+    engineSweep = std::make_unique<EngineSweep>(this, *usb, sweepSettings, plan.setup, plan.commands);
+    return status;
+}
 
-        // Full scale results carry no correction at all, so the curve stays empty for them.
-        std::vector<float> curve;
-        if (sweepSettings.scale != tqScaleFullScale) {
-            curve = corrections.GetLowFreqAmplitudeCorrections(sweepSettings.firstBinFreq, sweepSettings.binSize,
-                                                               sweepSettings.sweepSize);
-        }
-        if (sweepSettings.scale == tqScaleLin && !curve.empty()) {
-            DSP::DBCalToLin_32f(curve.data(), static_cast<int>(curve.size()));
-        }
+TqStatus TqDevice::ConfigureModeSweepNarrow() {
+    NarrowSweepPlan plan;
+    const TqStatus status = PlanSweepNarrow(sweepSettings, rfConfig, corrections, deviceConfig, plan);
+    if (status < tqNoError) return status;
+    LoadLowFreqCurve();
+    engineSweepNarrow =
+        std::make_unique<EngineSweepNarrow>(*this, *usb, sweepSettings, plan.setup, plan.commands, plan.patch);
+    return status;
+}
 
-        engineSweep = std::make_unique<EngineSweep>(this, *usb, sweepSettings, plan.setup, plan.commands);
-        lowFreqCurve = std::move(curve);
-        lowFreqCurveLog = sweepSettings.scale == tqScaleLog;
-        return status;
-    } catch (const std::exception&) {  // std::bad_alloc, or std::system_error from a thread that could not start
-        return tqAllocationErr;
+TqStatus TqDevice::ConfigureModeRealTime() {
+    const RealTimePlan plan = PlanRealTime(realTimeSettings, rfConfig, corrections, deviceConfig);
+    readerTrigger.Configure(1);
+    readerGPS.Configure(1);
+    engineRealTime = std::make_unique<EngineRealTime>(*this, *usb, realTimeSettings, plan.setup, plan.patch,
+                                                      plan.initCommands, plan.fetchCommands);
+    return tqNoError;
+}
+
+// The engine's copy of the settings says which samples it hands out; the client's choice stays as it is.
+TqStatus TqDevice::ConfigureModeIQStreaming(TqDataType dataType) {
+    const bool extTrigger = gpioFunction == TqGPIOFunctionTrigIn;
+    const IQStreamPlan plan = PlanIQStreaming(iqSettings, rfConfig, extTrigger, corrections, deviceConfig);
+    readerTrigger.Configure(plan.hwDecimation);
+    readerGPS.Configure(plan.hwDecimation);
+    TqIQSettings settings = iqSettings;
+    settings.dataType = dataType;
+    engineIQ = std::make_unique<EngineIQ>(this, *usb, settings, plan.patch, plan.initCommands, plan.fetchCommands);
+    return tqNoError;
+}
+
+// Rides on I/Q streaming, whose rate, centre and bandwidth stay changed behind it.
+TqStatus TqDevice::ConfigureModeAudio() {
+    const double shift = audioSettings.audioType == tqAudioTypeCW ? CW_TONE_HZ : 0.0;
+    iqSettings.centerFreq = audioSettings.center + shift;
+    iqSettings.decimation = AUDIO_DECIMATION;
+    iqSettings.bandwidth = AUDIO_IQ_BANDWIDTH;
+    const TqStatus status = ConfigureModeIQStreaming(tqDataType32fc);
+    if (status != tqNoError) return status;
+    engineAudio = std::make_unique<EngineAudio>(*engineIQ, audioSettings);
+    return tqNoError;
+}
+
+TqStatus TqDevice::ConfigureModeIQSweepList() {
+    IQSweepListPlan plan;
+    const TqStatus status = PlanIQSweepList(iqSweepListSettings, corrections, deviceConfig, plan);
+    if (status < tqNoError) return status;
+    readerTrigger.Configure(1);
+    readerGPS.Configure(1);
+    engineIQSweepList =
+        std::make_unique<EngineIQSweepList>(*this, *usb, iqSweepListSettings, plan.stepInfo, plan.sweepCommand);
+    return status;
+}
+
+TqStatus TqDevice::ConfigureModeIQFullBand() {
+    engineIQFullBand = std::make_unique<EngineIQFullBand>(*usb, PlanIQFullBand(iqFullBandLOFreq, deviceConfig));
+    return tqNoError;
+}
+
+// The low-frequency curve at the bins of the planned sweep, in the unit of its scale. Full scale results carry no
+// correction at all: the curve stays empty for them.
+void TqDevice::LoadLowFreqCurve() {
+    ClearLowFreqCurve();
+    if (sweepSettings.scale == tqScaleFullScale) return;
+    lowFreqCurve = corrections.GetLowFreqAmplitudeCorrections(sweepSettings.firstBinFreq, sweepSettings.binSize,
+                                                              sweepSettings.sweepSize);
+    lowFreqCurveLog = sweepSettings.scale == tqScaleLog;
+    if (!lowFreqCurveLog && !lowFreqCurve.empty()) {
+        DSP::DBCalToLin_32f(lowFreqCurve.data(), static_cast<int>(lowFreqCurve.size()));
     }
 }
 
 // An engine's destructor stops and joins its threads, so that the instrument is quiet afterwards.
 void TqDevice::DestroyEngines() {
     engineSweep.reset();
+    engineSweepNarrow.reset();
+    engineAudio.reset();
+    engineRealTime.reset();
+    engineIQ.reset();
+    engineIQSweepList.reset();
+    engineIQFullBand.reset();
     currentMode = tqModeIdle;
 }
 
@@ -184,6 +281,7 @@ TqStatus TqDevice::GetCurrentMode(TqMode& mode) const {
 
 bool TqDevice::CanSendCommand() const {
     const TqMode mode = currentMode;
+    if (engineIQSweepList != nullptr && engineIQSweepList->AnySweepActive()) return false;
     return mode != tqModeRealTime && mode != tqModeIQStreaming && mode != tqModeAudio;
 }
 
@@ -701,9 +799,15 @@ TqStatus TqDevice::GetIQParameters(double* sampleRate, double* bandwidth) const 
 }
 
 TqStatus TqDevice::GetSweep(float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch) {
-    if (engineSweep == nullptr) return tqInvalidConfigurationErr;
-    engineSweep->StartSweep();
-    const TqStatus status = engineSweep->FinishSweep(sweepMin, sweepMax, nsSinceEpoch);
+    TqStatus status = tqInvalidConfigurationErr;
+    if (engineSweep != nullptr) {
+        engineSweep->StartSweep();
+        status = engineSweep->FinishSweep(sweepMin, sweepMax, nsSinceEpoch);
+    } else if (engineSweepNarrow != nullptr) {
+        status = engineSweepNarrow->GetSweep(sweepMin, sweepMax, nsSinceEpoch);
+    } else {
+        return status;
+    }
 
     // The engine delivers whatever its status is, so the curve goes on in any case. It covers the first bins only.
     const int length = static_cast<int>(lowFreqCurve.size());
@@ -716,4 +820,57 @@ TqStatus TqDevice::GetSweep(float* sweepMin, float* sweepMax, int64_t* nsSinceEp
         }
     }
     return status;
+}
+
+TqStatus TqDevice::GetRealTimeFrame(float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax,
+                                    int& frameCount, int64_t& nsSinceEpoch) {
+    if (currentMode != tqModeRealTime) return tqInvalidConfigurationErr;
+    TqRealTimeFrame frame{colorFrame, alphaFrame, sweepMin, sweepMax, frameCount, nsSinceEpoch};
+    const TqStatus status = engineRealTime->GetFrame(&frame);
+    frameCount = frame.frameCount;
+    nsSinceEpoch = frame.time;
+    return status;
+}
+
+TqStatus TqDevice::GetIQ(void* buffer, int bufferSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
+                         TqBool purge, int* sampleLoss, int* samplesRemaining) {
+    if (currentMode != tqModeIQStreaming) return tqInvalidConfigurationErr;
+    return engineIQ->GetIQ(buffer, bufferSize, triggers, triggerBufSize, nsSinceEpoch, purge, sampleLoss,
+                           samplesRemaining);
+}
+
+TqStatus TqDevice::GetIQCorrection(float& scale) const {
+    if (currentMode != tqModeIQStreaming) return tqInvalidConfigurationErr;
+    scale = engineIQ->GetIQScalar();
+    return tqNoError;
+}
+
+TqStatus TqDevice::GetAudio(float* audio) {
+    if (currentMode != tqModeAudio) return tqInvalidConfigurationErr;
+    return engineAudio->GetAudio(audio);
+}
+
+TqStatus TqDevice::IQSweepListGetSweep(void* dst, int64_t* timestamps) {
+    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
+    return engineIQSweepList->GetSweep(dst, timestamps);
+}
+
+TqStatus TqDevice::GetIQFullBand(float* dst) {
+    if (engineIQFullBand == nullptr) return tqInvalidConfigurationErr;
+    return engineIQFullBand->GetIQ(dst);
+}
+
+TqStatus TqDevice::IQSweepListBeginSweep(int pos, void* dst, int64_t* timestamps) {
+    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
+    return engineIQSweepList->StartSweep(pos, dst, timestamps);
+}
+
+TqStatus TqDevice::IQSweepListFinishSweep(int pos) {
+    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
+    return engineIQSweepList->FinishSweep(pos);
+}
+
+TqStatus TqDevice::IQSweepListGetCorrections(float* factors) const {
+    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
+    return engineIQSweepList->GetCorrections(factors);
 }

@@ -19,7 +19,13 @@
 #include "vk_critical_section.h"
 
 class DeviceInterface;
+class EngineAudio;
+class EngineIQ;
+class EngineIQFullBand;
+class EngineIQSweepList;
+class EngineRealTime;
 class EngineSweep;
+class EngineSweepNarrow;
 class TqCommand;
 
 // The service capture of the whole converter band: a mode for the mode machine, unknown to applications.
@@ -77,8 +83,8 @@ public:
     TqStatus GetCurrentMode(TqMode& mode) const;  // tqNoError
     bool IsIdle() const { return currentMode == tqModeIdle; }
 
-    // The streaming gate: while a mode streams without pause, the command endpoint belongs to its engine and nothing
-    // else may write to it.
+    // The streaming gate: while a mode streams without pause, or a pass through an I/Q sweep list is under way, the
+    // endpoints belong to the engine and nothing else may use them.
     bool CanSendCommand() const;
 
     // tqNoError when `state` is the present one, else tqInvalidConfigurationErr at a closed gate. Waking takes 50 ms.
@@ -106,6 +112,7 @@ public:
     //   updated  out, whether text has come since the last call; null: skipped
     //   nmea     out, zero-terminated text; *nmeaLen in: its room, out: what was written; null: skipped
     TqStatus GetGPSInfo(TqBool refresh, TqBool* updated, TqGPSInfo& info, char* nmea, int* nmeaLen);
+    bool HasDithering() const { return readerStatus.HasDitheringADC(); }  // by the last aux packet
     TqStatus GetFanSettings(float* setPoint, float* voltage);  // refreshes at an open gate; null outputs are skipped
 
     int GetSerialNumber() const;
@@ -187,6 +194,28 @@ public:
     // One whole sweep, blocking until it is complete. Each output may be null: sweepSize floats, [ns since the epoch].
     TqStatus GetSweep(float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch);
 
+    // The next real-time frame, blocking until it is finished; images and sweeps as of EngineRealTime::GetFrame.
+    // Without a frame frameCount and time stay as they are.
+    TqStatus GetRealTimeFrame(float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax, int& frameCount,
+                              int64_t& nsSinceEpoch);
+
+    // The next samples of the stream, blocking until they are there; arguments as of EngineIQ::GetIQ.
+    TqStatus GetIQ(void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
+                   TqBool purge, int* sampleLoss, int* samplesRemaining);
+    TqStatus GetIQCorrection(float& scale) const;  // factor from tqDataType16sc samples to the corrected scale
+
+    // The next block of audio, blocking until it is there; as EngineAudio::GetAudio.
+    TqStatus GetAudio(float* audio);
+
+    // One full-band capture; argument as of EngineIQFullBand::GetIQ.
+    TqStatus GetIQFullBand(float* dst);
+
+    // Passes over the list; arguments as of EngineIQSweepList.
+    TqStatus IQSweepListGetSweep(void* dst, int64_t* timestamps);
+    TqStatus IQSweepListBeginSweep(int pos, void* dst, int64_t* timestamps);
+    TqStatus IQSweepListFinishSweep(int pos);
+    TqStatus IQSweepListGetCorrections(float* factors) const;  // out, one for each step
+
     // --- State ---
     // Atomic: written by UpdateAuxData(const AuxData*) on an engine's thread while the client reads.
 
@@ -216,9 +245,18 @@ public:
     AuxReaderStatus readerStatus;
     AuxReaderTrigger readerTrigger;
     AuxReaderGPS readerGPS;
+    std::vector<uint8_t> iqBuf;  // memory of the I/Q ring, kept from one engine to the next
 
 private:
+    TqStatus PlanMode(TqMode mode);
     TqStatus ConfigureModeSweep();
+    TqStatus ConfigureModeSweepNarrow();
+    TqStatus ConfigureModeIQStreaming(TqDataType dataType);
+    TqStatus ConfigureModeAudio();
+    TqStatus ConfigureModeRealTime();
+    TqStatus ConfigureModeIQSweepList();
+    TqStatus ConfigureModeIQFullBand();
+    void LoadLowFreqCurve();
     void DestroyEngines();
     TqIQSweepListStep* SweepListStep(int step);
     void ClearLowFreqCurve();
@@ -232,5 +270,12 @@ private:
     TqVersionInfo verInfo TQ_GUARDED_BY(auxLock);
     TqGPSCal gpsCal TQ_GUARDED_BY(auxLock);  // the GPS timebase value last stored or read
 
+    // At most one, but for the audio mode: EngineAudio reads from EngineIQ, and goes first.
     std::unique_ptr<EngineSweep> engineSweep;
+    std::unique_ptr<EngineSweepNarrow> engineSweepNarrow;
+    std::unique_ptr<EngineRealTime> engineRealTime;
+    std::unique_ptr<EngineIQ> engineIQ;
+    std::unique_ptr<EngineIQSweepList> engineIQSweepList;
+    std::unique_ptr<EngineAudio> engineAudio;
+    std::unique_ptr<EngineIQFullBand> engineIQFullBand;
 };

@@ -2,91 +2,11 @@
 // place shows as a plain inequality. Whole instruments are the matter of sweep_test.
 #include "engine_sweep.h"
 
-#include "bus_fixture.h"
-#include "dsp.h"
-#include "tq_device.h"
-#include "usb_gadget.h"
+#include "scripted_stream.h"
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <deque>
-#include <functional>
-#include <random>
-#include <string>
-#include <vector>
 
 namespace {
-
-constexpr int SERIAL = 12345678;
-constexpr std::size_t PACKET_BYTES = 8192;
-constexpr float POISON = 1e30f;
-constexpr uint32_t GOOD_MAGIC = 0x41555831;
-constexpr uint32_t ADC_OVERFLOW = 0x100;
-constexpr uint32_t DATA_LOSS = 0x200;
-
-// The I/Q packet with this number since the device was made.
-void RenderPacket(int64_t packet, uint8_t* dst) {
-    constexpr std::size_t TABLE = 1 << 16;
-    static const std::vector<uint8_t> noise = [] {
-        std::mt19937 generator(20);
-        std::vector<uint8_t> bytes(TABLE + PACKET_BYTES);
-        for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(generator());
-        return bytes;
-    }();
-    std::memcpy(dst, noise.data() + static_cast<std::size_t>(packet) * 812 % TABLE, PACKET_BYTES);
-    std::memcpy(dst, &packet, sizeof(packet));
-}
-
-AuxData Aux(uint32_t magic, uint32_t flags) {
-    AuxData aux = {};
-    aux.magicNumber = magic;
-    aux.statusFlags = flags;
-    return aux;
-}
-
-// Answers fetch words and understands nothing else.
-class ScriptedDevice : public UsbGadget {
-public:
-    ScriptedDevice() : UsbGadget(UsbGadget::Identity(std::to_string(SERIAL))) {}
-
-    int BulkOut(std::uint8_t, std::span<const std::uint8_t> data) override {
-        for (std::size_t at = 0; at < data.size(); at += 4) {
-            if (data[at + 3] == 0x31) stream.insert(stream.end(), {Fetch{data[at], data[at + 1] & 7}});
-        }
-        return static_cast<int>(data.size());
-    }
-
-    sim::BulkInResult BulkIn(std::uint8_t, std::span<std::uint8_t> dst) override {
-        std::size_t ready = 0;
-        for (const Fetch& fetch : stream) ready += static_cast<std::size_t>(fetch.iq + fetch.aux) * PACKET_BYTES;
-        if (ready < dst.size()) return {};
-        for (std::size_t at = 0; at < dst.size(); at += PACKET_BYTES) {
-            while (stream.front().iq + stream.front().aux == 0) stream.pop_front();
-            if (stream.front().iq > 0) {
-                stream.front().iq--;
-                render(iqPackets++, dst.data() + at);
-            } else {
-                stream.front().aux--;
-                std::memcpy(dst.data() + at, &aux[auxPackets++ % aux.size()], PACKET_BYTES);
-            }
-        }
-        return Done(dst);
-    }
-
-    // Set before any traffic.
-    std::function<void(int64_t, uint8_t*)> render = RenderPacket;
-    std::vector<AuxData> aux = {Aux(GOOD_MAGIC, 0)};  // what aux packets read, in turn, over and over
-
-private:
-    struct Fetch {
-        int iq;
-        int aux;
-    };
-    std::deque<Fetch> stream;
-    int64_t iqPackets = 0;
-    std::size_t auxPackets = 0;
-};
 
 struct Plan {
     TqSweepSettings settings;
@@ -148,7 +68,7 @@ Sweep Expected(const Plan& plan, int64_t firstPacket) {
     Sweep joined;
     for (const PatchSetup& patch : setup.stepInfo) {
         for (std::size_t at = 0; at < wire.size(); at += SAMPLES_PER_PACKET) {
-            RenderPacket(firstPacket++, reinterpret_cast<uint8_t*>(&wire[at]));
+            NoisePacket(firstPacket++, &wire[at]);
         }
         DSP::Convert_16sc32fc(wire.data(), samples.data(), static_cast<int>(wire.size()));
         processor.ProcessInput(samples.data(), rowMin.data(), rowMax.data());
@@ -171,18 +91,11 @@ Sweep Expected(const Plan& plan, int64_t firstPacket) {
     return joined;
 }
 
-class EngineSweepTest : public BusFixture {
+class EngineSweepTest : public ScriptedFixture {
 protected:
     void SetUp() override {
-        BusFixture::SetUp();
-        scripted = &Plug<ScriptedDevice>();
-        auto usb = std::make_unique<DeviceInterface>();
-        ASSERT_TRUE(usb->AllocateResources(GetUSBDeviceHandleBySerial(SERIAL)));
-        device = std::make_unique<TqDevice>(std::move(usb));
-    }
-    void TearDown() override {
-        device.reset();
-        BusFixture::TearDown();
+        ScriptedFixture::SetUp();
+        scripted->render = NoisePacket;
     }
 
     std::unique_ptr<EngineSweep> MakeEngine(const Plan& plan) {
@@ -201,9 +114,6 @@ protected:
         }
         return sweep;
     }
-
-    ScriptedDevice* scripted = nullptr;
-    std::unique_ptr<TqDevice> device;
 };
 
 TEST_F(EngineSweepTest, EverySampleReachesItsBin) {
@@ -264,10 +174,9 @@ TEST_F(EngineSweepTest, FullRingWaitsForTheOldestStep) {
     }
     plan.settings.sweepSize = STEPS;
     ASSERT_EQ(SweepRingSamples(plan.setup), int64_t{3} * PKT_PER_STEP * SAMPLES_PER_PACKET);
-    scripted->render = [](int64_t packet, uint8_t* dst) {
-        const auto level = static_cast<int16_t>(576 + 32768 / (2 << packet / PKT_PER_STEP % STEPS));
-        const std::vector<Ipp16sc> samples(SAMPLES_PER_PACKET, Ipp16sc{level, 576});
-        std::memcpy(dst, samples.data(), PACKET_BYTES);
+    scripted->render = [](int64_t packet, Ipp16sc* dst) {
+        const auto level = static_cast<int16_t>(WIRE_OFFSET + 32768 / (2 << packet / PKT_PER_STEP % STEPS));
+        std::fill_n(dst, PACKET_SAMPLES, Ipp16sc{level, WIRE_OFFSET});
     };
 
     TqStatus status = tqNoError;
@@ -315,28 +224,13 @@ TEST_F(EngineSweepTest, DestructionAmidASweepLeavesTheStreamAligned) {
 }
 
 TEST_F(EngineSweepTest, FirstAuxPacketGivesStatusAndTime) {
-    struct Case {
-        const char* name;
-        std::vector<AuxData> aux;
-        TqStatus expected;
-    };
-    const AuxData good = Aux(GOOD_MAGIC, 0), bad = Aux(0x31585541, DATA_LOSS), full = Aux(GOOD_MAGIC, ADC_OVERFLOW);
-    const Case cases[] = {
-        {"loss outranks overflow", {Aux(GOOD_MAGIC, ADC_OVERFLOW | DATA_LOSS), good, good, good}, tqUncalData},
-        {"flags of a foreign packet", {bad, good, good, good}, tqFramingErr},
-        {"others only fill up", {good, bad, full, bad}, tqNoError},
-    };
-    scripted->aux.clear();
-    for (const Case& c : cases) scripted->aux.insert(scripted->aux.end(), c.aux.begin(), c.aux.end());
+    scripted->AuxInTurn(SweepStatusCases());
     const Plan plan = MakePlan(4, 1);  // four aux packets
     const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);
-    for (const Case& c : cases) {
-        int64_t time = 0;
+    ExpectStatusAndTimeOfSweeps([&](int64_t* time) {
         EXPECT_EQ(engine->StartSweep(), tqNoError);
-        EXPECT_EQ(engine->FinishSweep(nullptr, nullptr, &time), c.expected) << c.name;
-        EXPECT_EQ(time, device->readerGPS.GetLockedIQTime()) << c.name;
-        EXPECT_GT(time, 0);
-    }
+        return engine->FinishSweep(nullptr, nullptr, time);
+    });
 }
 
 }  // namespace

@@ -190,47 +190,6 @@ TEST(SweepProcessor, MatchesModelInAllWindowsUnitsScalesDetectors) {
     }
 }
 
-TEST(SweepProcessor, ReadsLevelOfAToneOnABin) {
-    struct Case {
-        Layout layout;
-        std::size_t bin;
-    };
-    const Case cases[] = {{{64, 0}, 32}, {{64, 0}, 3}, {{1024, 0}, 700}, {{8192, 472}, 4096}, {{8192, 472}, 5000}};
-    for (const Case& c : cases) {
-        for (const TqWindowType window : WINDOWS) {
-            SCOPED_TRACE("fft " + std::to_string(c.layout.fftSize) + " window " + std::to_string(window));
-            const SweepSetup setup = PlanOf(c.layout, {1.0, 1});
-            const std::vector<Ipp32fc> tone = Tone(InputSize(setup), c.layout.fftSize, c.bin, 0.5);
-            std::vector<float> row(c.layout.fftSize), other(c.layout.fftSize);
-
-            SweepProcessor log(Settings(window, tqVideoLog, tqScaleLog, tqDetectorMinMax), setup);
-            log.ProcessInput(tone.data(), row.data(), other.data());
-            EXPECT_EQ(std::max_element(row.begin(), row.end()), row.begin() + static_cast<std::ptrdiff_t>(c.bin));
-            EXPECT_NEAR(row[c.bin], -6.0206, 1e-4);
-
-            SweepProcessor linear(Settings(window, tqVideoVoltage, tqScaleLin, tqDetectorMinMax), setup);
-            linear.ProcessInput(tone.data(), row.data(), other.data());
-            EXPECT_NEAR(row[c.bin], 111.8, 1e-3);
-        }
-    }
-}
-
-TEST(SweepProcessor, RectWindowKeepsThePower) {
-    for (const std::size_t size : {64u, 4096u, 65536u}) {
-        const SweepSetup setup = PlanOf({size, 0}, {1.0, 1});
-        const std::vector<Ipp32fc> input = Noise(size, 77);
-        SweepProcessor processor(Settings(tqWindowRect, tqVideoPower, tqScaleLin, tqDetectorAverage), setup);
-        std::vector<float> row(size), other(size);
-        processor.ProcessInput(input.data(), row.data(), other.data());
-
-        double inTime = 0.0, inBins = 0.0;
-        for (const Ipp32fc& sample : input)
-            inTime += std::norm(Complex(sample.re, sample.im)) / static_cast<double>(size);
-        for (const float value : row) inBins += value / 223.6 * (value / 223.6);
-        EXPECT_NEAR(inBins / inTime, 1.0, 1e-5) << size;
-    }
-}
-
 // Silence has no logarithm: minus infinity stands in the minimum, and must not turn the later transforms into NaN.
 TEST(SweepProcessor, SilenceBeforeASignalLeavesNoNaN) {
     const SweepSetup setup = PlanOf({64, 0}, {1.0, 9});

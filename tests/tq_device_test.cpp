@@ -439,35 +439,4 @@ TEST_F(Device, AuxPacketsMayArriveWhileTheClientReads) {
     engine.join();
 }
 
-// A sweep from below the curve's first point to above its last, taken with the curve and without it, differs by the
-// curve alone. Settings that are made meanwhile touch neither.
-TEST_F(Device, TheLowFrequencyCurveGoesOntoTheBinsBelowItsEnd) {
-    const auto device = BringUp();
-    for (const TqScale scale : {tqScaleLog, tqScaleLin, tqScaleFullScale}) {
-        SCOPED_TRACE(scale);
-        ASSERT_EQ(device->SetSweepStartStop(1e6, 12e6), tqNoError);
-        ASSERT_EQ(device->SetSweepScale(scale), tqNoError);
-        ASSERT_EQ(device->Configure(tqModeSweeping), tqNoError);
-        TqSweepSettings plan;
-        ASSERT_EQ(device->GetSweepSettings(plan), tqNoError);
-        ASSERT_EQ(device->SetSweepStartStop(2e9, 14e9), tqNoError);
-        ASSERT_EQ(device->SetSweepScale(scale == tqScaleLin ? tqScaleLog : tqScaleLin), tqNoError);
-
-        std::vector<float> withCurve(static_cast<size_t>(plan.sweepSize));
-        std::vector<float> maxOnly = withCurve, without = withCurve;
-        ASSERT_EQ(device->GetSweep(withCurve.data(), nullptr, nullptr), tqNoError);
-        ASSERT_EQ(device->GetSweep(nullptr, maxOnly.data(), nullptr), tqNoError);
-        device->lowFreqCurve.clear();
-        ASSERT_EQ(device->GetSweep(without.data(), nullptr, nullptr), tqNoError);
-        EXPECT_EQ(withCurve, maxOnly) << "averaged, both rows are one";
-
-        for (const auto& [freq, dB] : {std::pair{1.5e6, -0.85}, {3.95e6, -0.5}, {7.2e6, -0.1}, {9e6, 0.0}}) {
-            const auto bin = static_cast<size_t>((freq - plan.firstBinFreq) / plan.binSize + 0.5);
-            const double with = double{withCurve[bin]}, raw = double{without[bin]};
-            const double change = scale == tqScaleLin ? 20.0 * std::log10(with / raw) : with - raw;
-            EXPECT_NEAR(change, scale == tqScaleFullScale ? 0.0 : dB, 2e-3) << freq;
-        }
-    }
-}
-
 }  // namespace
