@@ -1,68 +1,43 @@
 // Speed of the wide sweep on the fast virtual instrument, whose samples stand rendered after the first sweep, and of
 // its parts: ProcessStep is the arithmetic of one LO step on one thread, ModelSweep what the instrument alone takes for
 // the samples of a sweep, which the library cannot win back.
-#include "sim/bus.h"
-#include "sim/instrument.h"
-#include "sim/seams.h"
+#include "open_instrument.h"
 #include "sweep_processor.h"
-#include "tq_api.h"
 
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <random>
-#include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 namespace {
 
-constexpr uint32_t SERIAL = 12345678;
 constexpr double START = 9e3, STOP = 15e9, RBW = 30e3;
 
-// An open instrument, planned for the whole range, with its samples rendered. A home folder of its own keeps the cached
-// records of real instruments out of reach.
-class OpenInstrument {
+// Planned for the whole range, with its samples rendered.
+class SweepingInstrument : public OpenInstrument {
 public:
-    explicit OpenInstrument(benchmark::State& state) {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tq-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            state.SkipWithError("no home folder");
-            return;
-        }
-        home = pattern;
-        sim::SetHome(pattern);
-        sim::SetSleepFactor(100);
-
-        sim::InstrumentOptions options;
-        options.serial = SERIAL;
-        options.scene.emitters.resize(1);
-        options.scene.emitters[0].freqHz = 2.4e9;
-        options.scene.emitters[0].levelDbm = -40.0;
-        sim::Bus::Get().Plug(std::make_shared<sim::Instrument>(options));
-        if (tqOpenDeviceBySerial(&device, SERIAL) != tqNoError || tqSetSweepStartStop(device, START, STOP) < 0 ||
+    explicit SweepingInstrument(benchmark::State& state) : OpenInstrument(Options()) {
+        if (device < 0 || tqSetSweepStartStop(device, START, STOP) < 0 ||
             tqSetSweepCoupling(device, RBW, RBW, 1e-6) < 0 || tqConfigure(device, tqModeSweeping) != tqNoError ||
             tqGetSweep(device, nullptr, nullptr, nullptr) < 0) {
             state.SkipWithError("cannot sweep");
         }
     }
-    ~OpenInstrument() {
-        if (device >= 0) tqCloseDevice(device);
-        sim::Bus::Get().Reset();
-        std::error_code ignored;
-        if (!home.empty()) std::filesystem::remove_all(home, ignored);
-    }
-
-    int device = -1;
 
 private:
-    std::filesystem::path home;
+    static sim::InstrumentOptions Options() {
+        sim::InstrumentOptions options;
+        options.scene.emitters.resize(1);
+        options.scene.emitters[0].freqHz = 2.4e9;
+        options.scene.emitters[0].levelDbm = -40.0;
+        return options;
+    }
 };
 
 void WholeSweep(benchmark::State& state) {
-    const OpenInstrument instrument(state);
+    const SweepingInstrument instrument(state);
     int size = 0;
     tqGetSweepParameters(instrument.device, nullptr, nullptr, nullptr, nullptr, &size);
     std::vector<float> min(static_cast<std::size_t>(size)), max(min.size());
@@ -77,7 +52,7 @@ void WholeSweep(benchmark::State& state) {
 BENCHMARK(WholeSweep)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void ConfigureWholeRange(benchmark::State& state) {
-    const OpenInstrument instrument(state);
+    const SweepingInstrument instrument(state);
     for (auto _ : state) {
         if (tqConfigure(instrument.device, tqModeSweeping) != tqNoError) state.SkipWithError("configure failed");
     }
@@ -120,7 +95,6 @@ BENCHMARK(ProcessStep)
 // As many packets as one whole sweep has, from as many tuned states as it has reads.
 void ModelSweep(benchmark::State& state) {
     sim::InstrumentOptions options;
-    options.serial = SERIAL;
     sim::Instrument instrument(options);
     constexpr uint32_t PACKETS = 128;  // a read of 1 MiB
     constexpr uint32_t READS = 1960 / PACKETS + 1;
