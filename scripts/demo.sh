@@ -23,6 +23,7 @@ awk -v scene="$scene" '
     END {
         printf "\n%16s %10s %12s %10s\n", "in the scene/MHz", "level/dBm", "off by/bins", "off by/dB"
         while ((getline line < scene) > 0) {
+            if (line ~ /^# For the real-time mode/) break
             if (line !~ /^[a-z]+ +freq=/) continue
             f = l = ""
             n = split(line, field, /[ \t]+/)

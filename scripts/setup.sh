@@ -7,7 +7,9 @@ packages=(
     libusb-1.0-0-dev                 # the library
     umockdev libumockdev-dev         # the virtual instrument's bus
     libgtest-dev libbenchmark-dev    # tests, benchmarks
+    libsndfile1-dev                  # the example that writes audio
     clang-14 clang-format-14         # thread-safety build, formatting
+    libclang-rt-14-dev               # fuzzers
     gnuplot-nox                      # the demo's picture
     fonts-dejavu-core                # its labels
     qemu-user                        # the primitives on a processor of the baseline
