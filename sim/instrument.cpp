@@ -127,7 +127,7 @@ void Keep(std::vector<T>& kept, T value) {
 
 void Faults::Arm(Kind kind, std::uint64_t at, double value) {
     const std::lock_guard lock(mutex);
-    armed.push_back({kind, at + (CountsAux(kind) ? auxSoFar : packetsSoFar), value});
+    armed.push_back({kind, at + (CountsAux(kind) ? auxSoFar : packetsAtReadEnd), value});
 }
 
 std::optional<Faults::Armed> Faults::Take(Kind kind, std::uint64_t span) {
@@ -201,6 +201,11 @@ std::uint64_t Faults::PacketsSoFar() const {
     return packetsSoFar;
 }
 
+void Faults::BeginRead(std::uint64_t packets) {
+    const std::lock_guard lock(mutex);
+    packetsAtReadEnd = packetsSoFar + packets;
+}
+
 void Faults::CountPacket(bool aux) {
     const std::lock_guard lock(mutex);
     ++packetsSoFar;
@@ -240,11 +245,6 @@ void Instrument::PowerUp() {
     kept = InstrumentState{};
     kept.timebaseDac = 0x8000;
     kept.fanSetPoint = 45 * 16;
-}
-
-void Instrument::PowerCycle() {
-    const std::lock_guard lock(mutex);
-    PowerUp();
 }
 
 void Instrument::Restart(Program next) {
@@ -781,6 +781,7 @@ BulkInResult Instrument::BulkIn(std::uint8_t endpoint, std::span<std::uint8_t> d
         rest = rest.subspan(bytes);
     };
     takePartial();
+    faultSet.BeginRead((rest.size() + PACKET_BYTES - 1) / PACKET_BYTES);
     while (rest.size() >= PACKET_BYTES) {
         TakePacket(rest.data());
         rest = rest.subspan(PACKET_BYTES);

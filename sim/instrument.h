@@ -66,8 +66,8 @@ struct InstrumentOptions {
     std::size_t cacheBytes = std::size_t{512} << 20;  // rendered samples kept in fast mode; 0: none
 };
 
-// Things that go wrong. Positions count from the call: 0 is the next packet. Each fires once and is gone, unless told
-// otherwise. Several may be armed at a time. Any thread.
+// Things that go wrong. Positions count from the call: 0 is the next packet, or the next read's first where all packets
+// count. Each fires once and is gone, unless told otherwise. Several may be armed at a time. Any thread.
 class Faults {
 public:
     void WrongAuxMagicAt(std::uint64_t auxPacket) { Arm(Kind::magic, auxPacket); }
@@ -108,6 +108,7 @@ private:
     bool NeverStarts() const;
     bool PpsLost() const;
     std::uint64_t PacketsSoFar() const;
+    void BeginRead(std::uint64_t packets);
     void CountPacket(bool aux);
     static bool CountsAux(Kind kind) { return kind <= Kind::temperature; }
 
@@ -116,6 +117,7 @@ private:
     std::set<unsigned> badPages;
     std::set<unsigned> deadPages;
     std::uint64_t packetsSoFar = 0;
+    std::uint64_t packetsAtReadEnd = 0;  // a place must not depend on how far a read has come
     std::uint64_t auxSoFar = 0;
     bool neverStarts = false;
     bool ppsLost = false;
@@ -171,9 +173,6 @@ public:
     std::optional<std::chrono::milliseconds> TakeRejoinRequest() override;
 
     Faults& faults() { return faultSet; }
-
-    // While it is unplugged, which takes its supply: it comes back as after power-up.
-    void PowerCycle();
 
     // Take effect with the next packet that is asked for.
     void SetScene(Scene scene);

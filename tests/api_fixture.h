@@ -47,13 +47,13 @@ protected:
     }
 
     // Behind a fault that lost the link: without faults and at its first temperature, unplugged, plugged, opened anew.
+    // It kept its supply, and with it what was asked of it and not read.
     void Reopen() {
         instrument->faults().Clear();
         instrument->SetTemperature(sim::InstrumentOptions().temperatureC);
         bus.ClearFaults(*instrument);
         CloseDevice();
         bus.Unplug(*instrument);
-        instrument->PowerCycle();
         bus.Replug(*instrument);
         OpenDevice();
     }
