@@ -10,17 +10,17 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 # Tests of lost links sleep through time-outs most of their time: four processes share two cores well.
 jobs=$((2 * $(nproc)))
 
-# A sanitized process takes long to start: one for each share of the tests, not one for each test.
+# A sanitized or emulated process takes long to start: one for each share of the tests, not one for each test.
 run_shares() {
-    local binary=$1 logs share failed=0 pids=()
+    local logs share failed=0 pids=()
     logs=$(mktemp -d)
     for ((share = 0; share < jobs; share++)); do
-        GTEST_TOTAL_SHARDS=$jobs GTEST_SHARD_INDEX=$share timeout 900 "$binary" >"$logs/$share" 2>&1 &
+        GTEST_TOTAL_SHARDS=$jobs GTEST_SHARD_INDEX=$share timeout 900 "$@" >"$logs/$share" 2>&1 &
         pids+=($!)
     done
     for ((share = 0; share < jobs; share++)); do
         if wait "${pids[share]}"; then
-            tail -n 1 "$logs/$share"
+            grep -F "[  PASSED  ]" "$logs/$share"
         else
             failed=1
             cat "$logs/$share"
@@ -36,7 +36,7 @@ case "$variant" in
         ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout 300
         scripts/check_exports.sh "$build/lib/libtq_api.so"
         scripts/check_isa_objects.sh "$build"
-        scripts/test_baseline.sh "$build" --gtest_brief=1
+        run_shares scripts/test_baseline.sh "$build"
         ;;
     asan)
         build=$(scripts/build.sh asan ipps_tests tq_tests | tail -n 1)
