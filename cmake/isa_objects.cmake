@@ -7,15 +7,20 @@ function(add_isa_objects out)
     set(objects "")
     foreach(isa sse41 avx2 avx512)
         add_library(tq_kernels_${isa} OBJECT ${ARGN})
-        target_link_libraries(tq_kernels_${isa} PRIVATE tq_flags)
+        add_library(tq_fewer_checks_${isa} INTERFACE)
+        target_link_libraries(tq_kernels_${isa} PRIVATE tq_flags tq_fewer_checks_${isa})
         target_include_directories(tq_kernels_${isa} PRIVATE ${CMAKE_SOURCE_DIR}/src)
         target_compile_options(tq_kernels_${isa} PRIVATE ${flags_${isa}})
-        # The long straight-line transforms would take GCC minutes each with all checks on every register.
+        # The long straight-line transforms would take compilers minutes each with all checks on every register. Behind
+        # tq_flags, which ask for them. The set of the baseline keeps them: it is the same source.
         if(TQ_SANITIZE MATCHES fuzzer)
-            target_compile_options(tq_kernels_${isa} PRIVATE -fno-sanitize=all -O0)
+            target_compile_options(tq_fewer_checks_${isa} INTERFACE -fno-sanitize=all)
         elseif(TQ_SANITIZE MATCHES address)
-            target_compile_options(tq_kernels_${isa} PRIVATE
-                -fno-sanitize=undefined -fno-sanitize-address-use-after-scope --param asan-stack=0)
+            target_compile_options(tq_fewer_checks_${isa} INTERFACE
+                -fno-sanitize-address-use-after-scope --param=asan-stack=0)
+            if(NOT isa STREQUAL sse41)
+                target_compile_options(tq_fewer_checks_${isa} INTERFACE -fno-sanitize=undefined)
+            endif()
         endif()
         target_compile_definitions(tq_kernels_${isa} PRIVATE TQ_ISA=${isa})
         set_target_properties(tq_kernels_${isa} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
