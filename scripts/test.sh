@@ -7,8 +7,8 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
-# Tests of lost links sleep through time-outs most of their time: six processes share two cores well.
-jobs=$((3 * $(nproc)))
+# Tests of lost links sleep through time-outs most of their time: four processes share two cores well.
+jobs=$((2 * $(nproc)))
 
 # A sanitized or emulated process takes long to start: one for each share of the tests, not one for each test.
 run_shares() {

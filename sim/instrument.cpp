@@ -8,6 +8,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <optional>
 #include <utility>
 
 #include <unistd.h>
@@ -61,19 +63,29 @@ void Put64(std::uint8_t* at, std::uint64_t value) {
     Put32(at + 4, static_cast<std::uint32_t>(value >> 32));
 }
 
-// Whether any thread of this process but the caller's has work to do: is not asleep, whatever it waits for.
-bool OthersRun() {
+// Of each thread of this process but the caller's how often it has gone to sleep, by its id. Nothing when one of them
+// has work to do: is not asleep, whatever it waits for.
+std::optional<std::map<std::string, std::string>> SleepCounts() {
     const std::string self = std::to_string(gettid());
+    std::map<std::string, std::string> counts;
     std::error_code error;  // a thread that ends meanwhile is none of ours
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
         if (task.path().filename() == self) continue;
-        std::ifstream file(task.path() / "stat");
-        std::string text;
-        std::getline(file, text);
-        const std::size_t state = text.rfind(") ");  // the name in front of it may hold anything
-        if (state != std::string::npos && text[state + 2] != 'S') return true;
+        std::ifstream file(task.path() / "status");
+        for (std::string line; std::getline(file, line);) {
+            if (line.starts_with("State:") && line.find("S (") == std::string::npos) return std::nullopt;
+            if (line.starts_with("voluntary_ctxt_switches:")) counts[task.path().filename()] = line;
+        }
     }
-    return false;
+    return counts;
+}
+
+// Whether any thread of this process but the caller's has work to do. One look at each is not enough: a thread may be
+// woken behind the look by one that sleeps when its turn comes. Who sleeps in two looks, and did not go to sleep
+// between them, slept all the time.
+bool OthersRun() {
+    const auto first = SleepCounts();
+    return !first || SleepCounts() != first;
 }
 
 // Delay between a trigger edge and the sample stream, in ticks, by the decimation behind the converter.
