@@ -44,6 +44,9 @@ public:
     // As it shows itself now; may change when it rejoins the bus.
     virtual UsbIdentity Identity() const = 0;
 
+    // On the bus, for the first time or again, and about to be seen there.
+    virtual void Joined() {}
+
     // A control request on endpoint 0. `data` holds the payload to the device, or takes the answer.
     // Returns the bytes moved, or a negative errno (-EPIPE for a stall).
     virtual int Control(const ControlSetup& setup, std::span<std::uint8_t> data) = 0;

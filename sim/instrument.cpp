@@ -63,6 +63,15 @@ void Put64(std::uint8_t* at, std::uint64_t value) {
     Put32(at + 4, static_cast<std::uint32_t>(value >> 32));
 }
 
+// Whether a thread with this folder in /proc is off the processor and off its queue. Its state alone does not tell: one
+// that is about to sleep is marked before it looks for the last time whether it needs to, and under load it may lose
+// the processor in between. Where the kernel does not say, the state has to do.
+bool IsAsleep(const std::filesystem::path& task) {
+    std::ifstream file(task / "syscall");
+    std::string answer;
+    return !(file >> answer) || answer != "running";
+}
+
 // Of each thread of this process but the caller's how often it has gone to sleep, by its id. Nothing when one of them
 // has work to do: is not asleep, whatever it waits for.
 std::optional<std::map<std::string, std::string>> SleepCounts() {
@@ -71,6 +80,7 @@ std::optional<std::map<std::string, std::string>> SleepCounts() {
     std::error_code error;  // a thread that ends meanwhile is none of ours
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", error)) {
         if (task.path().filename() == self) continue;
+        if (!IsAsleep(task.path())) return std::nullopt;
         std::ifstream file(task.path() / "status");
         for (std::string line; std::getline(file, line);) {
             if (line.starts_with("State:") && line.find("S (") == std::string::npos) return std::nullopt;
@@ -82,7 +92,7 @@ std::optional<std::map<std::string, std::string>> SleepCounts() {
 
 // Whether any thread of this process but the caller's has work to do. One look at each is not enough: a thread may be
 // woken behind the look by one that sleeps when its turn comes. Who sleeps in two looks, and did not go to sleep
-// between them, slept all the time.
+// between them, slept from the end of the first to the begin of the second.
 bool OthersRun() {
     const auto first = SleepCounts();
     return !first || SleepCounts() != first;
@@ -246,7 +256,7 @@ void Instrument::PowerUp() {
     startupPollsLeft = options.startupPolls;
     tune = TuneWords{};
     current.reset();
-    acquiring = false;
+    acquiring = inStep = false;
     ticksPerSample = 2;
     position = 0;
     lossPending = overflowLatched = false;
@@ -279,6 +289,12 @@ UsbIdentity Instrument::Identity() const {
     const std::optional<Firmware>& firmware = program == Program::run ? runFirmware : bootFirmware;
     return {VENDOR_ID, PRODUCT_ID, "Tarnwell", program == Program::run ? "TQ720" : "TQ720 Boot",
             firmware && !firmware->serial.empty() ? firmware->serial : serial.data()};
+}
+
+// What an earlier host left unread is there at once: whoever clears it away tells its end by a short time-out.
+void Instrument::Joined() {
+    const std::lock_guard lock(mutex);
+    inStep = false;
 }
 
 std::optional<std::chrono::milliseconds> Instrument::TakeRejoinRequest() {
@@ -617,7 +633,7 @@ void Instrument::ExecuteWord(std::uint32_t word) {
             pendingFetch = payload;
             break;
         case 0x32:
-            acquiring = false;
+            acquiring = inStep = false;
             break;
         case 0x3F:
             tune.adcOffset = payload & 0x7FFF;
@@ -659,6 +675,7 @@ void Instrument::Start(std::uint32_t code) {
         return;
     }
     acquiring = true;
+    inStep = options.speed == Speed::lockstep;
     tune.startCode = code;
     ticksPerSample = std::uint64_t{1} << code;
     startTick = execTick;
@@ -776,7 +793,7 @@ BulkInResult Instrument::BulkIn(std::uint8_t endpoint, std::span<std::uint8_t> d
         const std::uint64_t tick = ReadyTick(last - std::min(last, packetsTaken));
         if (tick > WallTick()) return {BulkInResult::Kind::pending, 0, WallTime(tick)};
     }
-    if (options.speed == Speed::lockstep && acquiring && OthersRun()) {
+    if (inStep && OthersRun()) {
         return {BulkInResult::Kind::pending, 0, std::chrono::steady_clock::now() + LOCKSTEP_POLL};
     }
     if (faultSet.Take(Faults::Kind::stall, packets)) return {BulkInResult::Kind::stalled, 0, {}};

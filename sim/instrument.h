@@ -167,6 +167,7 @@ public:
     ~Instrument() override;
 
     UsbIdentity Identity() const override;
+    void Joined() override;
     int Control(const ControlSetup& setup, std::span<std::uint8_t> data) override;
     int BulkOut(std::uint8_t endpoint, std::span<const std::uint8_t> data) override;
     BulkInResult BulkIn(std::uint8_t endpoint, std::span<std::uint8_t> dst) override;
@@ -280,6 +281,7 @@ private:
 
     // Acquisition.
     bool acquiring = false;
+    bool inStep = false;  // lockstep: reads wait until the process sleeps
     std::uint64_t ticksPerSample = 2;
     std::uint64_t startTick = 0;  // main counter at the start word
     std::uint64_t position = 0;   // samples fetched since

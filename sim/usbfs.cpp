@@ -725,6 +725,7 @@ void Port::Join() {
     joinAt.reset();
     lock.unlock();
     identity = device->Identity();
+    device->Joined();
     const UsbAddress place = owner.NewAddress();
     lock.lock();
     address = place;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <complex>
@@ -426,6 +427,29 @@ TEST(SimInstrument, ReadsCompleteInWholeUnitsUntilARestartForgetsThem) {
     EXPECT_EQ(Read(instrument, bytes, 32768), BulkInResult::Kind::pending);
     Send(instrument, {0xFFFA0003});
     EXPECT_EQ(Get32(FourAuxPackets(instrument), 0), 0x41555831u);
+}
+
+TEST(SimInstrument, InLockstepABusyHostWaitsForItsStreamButNotForWhatAnEarlierOneLeft) {
+    InstrumentOptions options;
+    options.speed = sim::Speed::lockstep;
+    Instrument instrument(options);
+    std::atomic<bool> busy = true;
+    std::thread worker([&busy] {
+        while (busy) {
+        }
+    });
+    Bytes bytes;
+    Send(instrument, Words{START} + FetchIq(8, 0));
+    EXPECT_EQ(Read(instrument, bytes, 32768), BulkInResult::Kind::pending);
+    instrument.Joined();
+    Take(instrument, 32768);
+    Send(instrument, Words{START} + FetchIq(4, 0));
+    EXPECT_EQ(Read(instrument, bytes, 32768), BulkInResult::Kind::pending);
+    busy = false;
+    worker.join();
+    BulkInResult::Kind asleep = BulkInResult::Kind::pending;
+    for (int i = 0; i < 100000 && asleep == BulkInResult::Kind::pending; ++i) asleep = Read(instrument, bytes, 65536);
+    EXPECT_EQ(asleep, BulkInResult::Kind::done);
 }
 
 TEST(SimInstrument, CountsWhatItDoesNotUnderstandAndLogsInOrder) {
