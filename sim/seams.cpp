@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 #include <pwd.h>
+#include <sys/timerfd.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,19 @@ std::atomic<int> sleepFactor{1};
 std::atomic<std::uint64_t> sleepCount{0};
 std::atomic<std::int64_t> sleepMicroseconds{0};
 std::atomic<void (*)(std::chrono::microseconds)> afterSleep{nullptr};
+
+std::atomic<std::int64_t> timeoutSlack{0};  // [s]
+
+// By descriptor: the timer was set to a long time ahead and has run ever since. Higher descriptors go without slack.
+std::array<std::atomic<bool>, 1024> runsLong{};
+
+bool IsZero(const timespec& t) { return t.tv_sec == 0 && t.tv_nsec == 0; }
+
+std::chrono::nanoseconds FromNow(const timespec& at) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::chrono::seconds(at.tv_sec - now.tv_sec) + std::chrono::nanoseconds(at.tv_nsec - now.tv_nsec);
+}
 
 // Plain memory: getpwuid may be called before and after the life of any object.
 std::array<char, 4096> home{};
@@ -42,6 +57,8 @@ void ClearSleeps() {
 
 void SetAfterSleep(void (*hook)(std::chrono::microseconds)) { afterSleep = hook; }
 
+void SetTimeoutSlack(std::chrono::seconds slack) { timeoutSlack = slack.count(); }
+
 void SetHome(const std::string& folder) {
     home.fill('\0');
     folder.copy(home.data(), home.size() - 1);
@@ -60,6 +77,24 @@ extern "C" {
     const int result = sim::Usleep(microseconds / static_cast<useconds_t>(factor));
     if (auto* hook = sim::afterSleep.load()) hook(asked);
     return result;
+}
+
+[[gnu::visibility("default")]] int timerfd_settime(int fd, int flags, const itimerspec* value, itimerspec* old) {
+    static const auto next =
+        reinterpret_cast<int (*)(int, int, const itimerspec*, itimerspec*)>(dlsym(RTLD_NEXT, "timerfd_settime"));
+    const std::int64_t slack = sim::timeoutSlack;
+    const auto index = static_cast<std::size_t>(fd);  // a negative one is beyond the array, too
+    if (index >= sim::runsLong.size()) return next(fd, flags, value, old);
+    std::atomic<bool>& runsLong = sim::runsLong[index];
+    // libusb's times are points on the monotonic clock; other timers are nobody's time-out.
+    if (slack == 0 || flags != TFD_TIMER_ABSTIME || value == nullptr || sim::IsZero(value->it_value)) {
+        runsLong = false;
+        return next(fd, flags, value, old);
+    }
+    if (sim::FromNow(value->it_value) >= sim::LONG_TIMEOUT) runsLong = true;
+    itimerspec later = *value;
+    if (runsLong) later.it_value.tv_sec += slack;
+    return next(fd, flags, &later, old);
 }
 
 [[gnu::visibility("default")]] passwd* getpwuid(uid_t uid) {

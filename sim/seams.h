@@ -1,6 +1,7 @@
-// Two calls of libc that a program with a virtual bus defines itself, in front of libc's: usleep, so that tests need
-// not wait out the library's long sleeps, and getpwuid, so that the files of virtual instruments never mix with those
-// of real ones. Used by tests, by the bus and by the preload library. Any thread.
+// Three calls of libc that a program with a virtual bus defines itself, in front of libc's: usleep, so that tests need
+// not wait out the library's long sleeps; timerfd_settime, so that a time-out does not strike a transfer that a busy
+// machine merely delays; and getpwuid, so that the files of virtual instruments never mix with those of real ones. Used
+// by tests, by the bus and by the preload library. Any thread.
 #pragma once
 
 #include <chrono>
@@ -27,6 +28,13 @@ void ClearSleeps();
 // Called at the end of each shortened sleep with the time it asked for. The bus waits in it for devices whose time away
 // fell within the sleep, so that a shortened sleep cannot end before what it was meant to outlast. Null: none.
 void SetAfterSleep(void (*hook)(std::chrono::microseconds asked));
+
+// libusb keeps the earliest time-out of its transfers on a timer. What is LONG_TIMEOUT or more ahead when it is set
+// ends `slack` late, and so does whatever the timer is moved to from there, until it is stopped: behind the first of
+// some transfers with long time-outs the next one may have little time left. Short time-outs with none of those in
+// flight stay as they are. 0 (the default): all do. A timer that runs is left alone until it is set again.
+constexpr std::chrono::milliseconds LONG_TIMEOUT{500};
+void SetTimeoutSlack(std::chrono::seconds slack);
 
 // The home folder that getpwuid reports for the user of this process; empty (the default): the real one. Not while
 // another thread uses a result of getpwuid.

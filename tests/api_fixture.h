@@ -18,6 +18,15 @@ inline sim::Emitter Carrier(double freqHz, double levelDbm) {
     return emitter;
 }
 
+// Something that goes wrong with a stream under way.
+struct FaultCase {
+    std::string name;
+    std::function<void(sim::Instrument&, sim::Bus&)> strike;
+    TqStatus expected = tqConnectionLostErr;
+
+    bool LosesTheLink() const { return expected == tqConnectionLostErr; }
+};
+
 class ApiFixture : public BusFixture {
 protected:
     static constexpr int SERIAL = 12345678;
@@ -46,6 +55,12 @@ protected:
         device = -1;
     }
 
+    // From here on a time-out is one in its own time, if that is how the fault is noticed.
+    void Strike(const FaultCase& fault) {
+        if (fault.LosesTheLink()) sim::SetTimeoutSlack({});
+        fault.strike(*instrument, bus);
+    }
+
     // Behind a fault that lost the link: without faults and at its first temperature, unplugged, plugged, opened anew.
     // It kept its supply, and with it what was asked of it and not read.
     void Reopen() {
@@ -53,6 +68,7 @@ protected:
         instrument->SetTemperature(sim::InstrumentOptions().temperatureC);
         bus.ClearFaults(*instrument);
         CloseDevice();
+        sim::SetTimeoutSlack(TIMEOUT_SLACK);
         bus.Unplug(*instrument);
         bus.Replug(*instrument);
         OpenDevice();
@@ -60,15 +76,6 @@ protected:
 
     sim::Instrument* instrument = nullptr;
     int device = -1;
-};
-
-// Something that goes wrong with a stream under way.
-struct FaultCase {
-    std::string name;
-    std::function<void(sim::Instrument&, sim::Bus&)> strike;
-    TqStatus expected = tqConnectionLostErr;
-
-    bool LosesTheLink() const { return expected == tqConnectionLostErr; }
 };
 
 // A fault of the instrument: fault(sim::Faults&).

@@ -141,7 +141,7 @@ TEST_P(AudioFaults, AreHeardThroughOrEndInSilence) {
     Open(Carrier(7.03e6, LEVEL_DBM));
     Configure(tqAudioTypeCW, 7.03e6);
     const std::vector<float> before = Take(3);
-    GetParam().strike(*instrument, bus);
+    Strike(GetParam());
     Block block = Take();
     for (int i = 0; i < 10 && block.status == tqNoError; i++) block = Take();
     EXPECT_EQ(block.status, GetParam().LosesTheLink() ? tqConnectionLostErr : tqNoError);

@@ -1,11 +1,13 @@
-// The fixture of all tests that need the virtual bus: a fresh home folder, shortened sleeps, and an empty bus behind
-// each test, with a check that the test gave back every descriptor, claim and URB.
+// The fixture of all tests that need the virtual bus: a fresh home folder, shortened sleeps, time-outs that leave a
+// loaded machine all the time that it needs, and an empty bus behind each test, with a check that the test gave back
+// every descriptor, claim and URB.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -18,6 +20,7 @@
 class BusFixture : public ::testing::Test {
 protected:
     static constexpr int SLEEP_FACTOR = 100;
+    static constexpr std::chrono::seconds TIMEOUT_SLACK{30};  // tests that wait for a time-out go without
 
     void SetUp() override {
         std::string pattern = (std::filesystem::temp_directory_path() / "tq-test-XXXXXX").string();
@@ -25,6 +28,7 @@ protected:
         home = pattern;
         sim::SetHome(home.string());
         sim::SetSleepFactor(SLEEP_FACTOR);
+        sim::SetTimeoutSlack(TIMEOUT_SLACK);
         sim::ClearSleeps();
     }
 
@@ -35,6 +39,7 @@ protected:
         EXPECT_EQ(use.urbsInFlight, 0) << "URBs left in flight";
         bus.Reset();
         sim::SetSleepFactor(1);
+        sim::SetTimeoutSlack({});
         sim::SetHome({});
         std::filesystem::remove_all(home);
     }

@@ -176,6 +176,7 @@ TEST_F(DeviceInterfaceTest, FailedConnectionsSayHowAndHoldNothing) {
 TEST_F(DeviceInterfaceTest, FlashFailureInMidRecordAbandonsTheConnection) {
     sim::Instrument& instrument = PlugInstrument(sim::Program::boot);
     instrument.faults().FailFlashPage(RECORD_PAGE + 1000);
+    sim::SetTimeoutSlack({});
     DeviceInterface device;
     EXPECT_EQ(device.Connect(SERIAL), tqConnectionLostErr);
     ExpectDetached(device);

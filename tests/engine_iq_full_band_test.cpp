@@ -111,11 +111,13 @@ TEST_F(FullBand, FailuresAreToldAndEndIdle) {
     for (const auto& arrange : faults) {
         ASSERT_EQ(Capture(1e9), tqNoError);
         arrange();
+        sim::SetTimeoutSlack({});
         EXPECT_EQ(Capture(1e9), tqConnectionLostErr);
         EXPECT_EQ(Mode(), tqModeIdle);
         EXPECT_EQ(Capture(1e9), tqConnectionLostErr) << "until the device is closed";
         instrument->faults().Clear();
         tqCloseDevice(device);
+        sim::SetTimeoutSlack(TIMEOUT_SLACK);
         bus.Replug(*instrument);  // if it has gone
         // A halted endpoint takes a restart, which the first attempt brings about.
         if (tqOpenDeviceBySerial(&device, SERIAL) == tqNoError) continue;

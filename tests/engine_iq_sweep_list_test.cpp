@@ -208,6 +208,7 @@ TEST_F(EngineIQSweepListTest, DestructionAmidSweepsLeavesAnIdleInstrumentAndAnEm
 
 TEST_F(EngineIQSweepListTest, CallerBlockedInFinishIsWokenByTheEndOfTheEngine) {
     scripted->silent = true;
+    sim::SetTimeoutSlack({});
     std::unique_ptr<EngineIQSweepList> engine = MakeEngine(List({2000000}));  // eight reads, which all time out
     std::vector<Ipp16sc> buffer(2000000);
     ASSERT_EQ(engine->StartSweep(7, buffer.data(), nullptr), tqNoError);

@@ -219,7 +219,7 @@ TEST_P(IQSweepListFaults, SweepsCompleteAndTell) {
     const Pass good = Take();
     ASSERT_EQ(good.status, tqNoError);
 
-    fault.strike(*instrument, bus);
+    Strike(fault);
     std::vector<Pass> passes(16, good);
     for (std::size_t pos = 0; pos < 16; pos++) {
         ASSERT_EQ(tqIQSweepListStartSweep(device, static_cast<int>(pos), passes[pos].iq.data(), nullptr), tqNoError);

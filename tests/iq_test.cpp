@@ -203,7 +203,7 @@ TEST_P(IQFaults, EndInTheirStatusAndTheNextStreamIsSound) {
     const FaultCase& fault = GetParam();
     Open({Carrier(1.001e9, -30.0)});
     const Stream stream = {.decimation = 8, .bandwidthHz = 5e6};
-    fault.strike(*instrument, bus);  // while nothing streams, so that it falls on a known place of a read
+    Strike(fault);  // while nothing streams, so that it falls on a known place of a read
     Configure(stream);
     TqStatus status = tqNoError;
     for (int reads = 0; reads < 5000 && status == tqNoError; reads++) status = Take(15360).status;

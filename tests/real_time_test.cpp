@@ -147,7 +147,7 @@ TEST_P(RealTimeFaults, EndInTheirStatusAndTheNextStreamIsSound) {
     if (OUTRUN && fault.LosesTheLink()) GTEST_SKIP();
     Open();
     const Setting setting = {.rbwHz = 100e3};
-    fault.strike(*instrument, bus);
+    Strike(fault);
     Configure(setting);
     TqStatus status = tqNoError;
     for (int i = 0; i < 100 && status == tqNoError; i++) status = Take().status;

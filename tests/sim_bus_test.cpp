@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 #include <libusb-1.0/libusb.h>
+#include <sys/timerfd.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -244,6 +246,36 @@ TEST_F(SimBus, ARestartedDeviceIsBackAfterAShortenedSleep) {
     EXPECT_EQ(bus.Use(device).openNow, 1);
     EXPECT_FALSE(bus.WaitListed(SERIAL, "Loop", 20ms));
     EXPECT_FALSE(bus.WaitListed("87654321", {}, 20ms));
+}
+
+TEST_F(SimBus, LongTimeoutsOfAWaitingStreamGetSlackAndShortOnesDoNot) {
+    const int timer = timerfd_create(CLOCK_MONOTONIC, 0);
+    ASSERT_GE(timer, 0);
+    // Time left [s] on the timer once it was asked for `ahead`.
+    const auto left = [&](std::chrono::milliseconds ahead) {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const auto nanoseconds = std::chrono::nanoseconds(now.tv_nsec) + ahead;
+        itimerspec at{};
+        at.it_value.tv_sec = now.tv_sec + static_cast<time_t>(nanoseconds / 1s);
+        at.it_value.tv_nsec = static_cast<long>((nanoseconds % 1s).count());
+        EXPECT_EQ(timerfd_settime(timer, TFD_TIMER_ABSTIME, &at, nullptr), 0);
+        EXPECT_EQ(timerfd_gettime(timer, &at), 0);
+        return static_cast<double>(at.it_value.tv_sec) + 1e-9 * static_cast<double>(at.it_value.tv_nsec);
+    };
+    const double slack = std::chrono::duration<double>(TIMEOUT_SLACK).count();
+    const double tolerance = slack / 3;  // a busy machine may look late
+    EXPECT_LT(left(100ms), 0.2);
+    EXPECT_NEAR(left(2s), 2 + slack, tolerance);
+    EXPECT_NEAR(left(100ms), slack, tolerance) << "the next one behind a long one";
+    const itimerspec stop{};
+    EXPECT_EQ(timerfd_settime(timer, TFD_TIMER_ABSTIME, &stop, nullptr), 0);
+    EXPECT_LT(left(100ms), 0.2);
+    EXPECT_NEAR(left(2s), 2 + slack, tolerance);
+    sim::SetTimeoutSlack({});
+    EXPECT_LE(left(2s), 2.0);
+    EXPECT_LE(left(100ms), 0.1);
+    EXPECT_EQ(close(timer), 0);
 }
 
 TEST_F(SimBus, LimitsTheMemoryInFlightAcrossDevices) {

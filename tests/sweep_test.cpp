@@ -202,7 +202,7 @@ protected:
 TEST_P(SweepFaults, SweepCompletesAndTells) {
     Open({Carrier(1.15e9, -30.0)});
     ConfigureAndCheck();
-    fault.strike(*instrument, bus);
+    Strike(fault);
     EXPECT_EQ(Take().status, fault.expected);
     if (fault.LosesTheLink()) {
         Reopen();
@@ -218,7 +218,7 @@ TEST_P(SweepFaults, SweepCompletesAndTells) {
 TEST_P(SweepFaults, OpeningEndsAndTheNextOneWorks) {
     Open({Carrier(1.15e9, -30.0)});
     CloseDevice();
-    fault.strike(*instrument, bus);
+    Strike(fault);
     const TqStatus status = tqOpenDeviceBySerial(&device, SERIAL);
     EXPECT_TRUE(status == tqNoError || status == tqConnectionLostErr) << status;
     if (status < tqNoError) device = -1;
