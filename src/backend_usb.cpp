@@ -321,6 +321,7 @@ USBBulkTransfer::~USBBulkTransfer() {
 
 void USBBulkTransfer::BeginDataXfer(int size, int timeoutMs) {
     TQ_ASSERT(size >= 0 && static_cast<size_t>(size) <= p->buf.size());
+    begun = true;
     p->timeoutMs = timeoutMs;
     p->xferLenRequested = size;
     if (p->inFlight) {  // lost by an earlier wait: this slot is dead
@@ -339,6 +340,13 @@ void USBBulkTransfer::BeginDataXfer(const uint8_t* data, int size, int timeoutMs
     TQ_ASSERT(size >= 0 && static_cast<size_t>(size) <= p->buf.size());
     if (!p->inFlight) std::memcpy(p->buf.data(), data, static_cast<size_t>(size));
     BeginDataXfer(size, timeoutMs);
+}
+
+void USBBulkTransfer::DontBegin(int size) {
+    begun = false;
+    submitFailed = true;
+    p->xferLenRequested = size;
+    if (!p->inFlight) p->xfr->actual_length = 0;
 }
 
 bool USBBulkTransfer::WaitForXfer() {

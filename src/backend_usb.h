@@ -61,6 +61,7 @@ struct DMAXferStatus {
     int xferLenRequested = 0;  // [bytes]
     int xferLen = 0;           // [bytes] moved
     uint8_t* p = nullptr;      // the slot's buffer; null for a command
+    bool begun = true;         // false: the link was lost before, and nothing went over it
 
     bool Failed() const { return timeout || xferLen != xferLenRequested; }
     bool Success() const { return !Failed(); }
@@ -165,6 +166,9 @@ public:
     void BeginDataXfer(int size, int timeoutMs);
     void BeginDataXfer(const uint8_t* data, int size, int timeoutMs);
 
+    // Takes the place of BeginDataXfer over a lost link: a transfer that fails at once, without having gone out.
+    void DontBegin(int size);
+
     // Blocks until the transfer has ended, by its time-out at the latest, and pumps events meanwhile. True: it failed.
     // A short transfer does not count as failed here.
     bool WaitForXfer();
@@ -173,6 +177,7 @@ public:
     int FinishDataXfer();
 
     int XferLenRequested() const;
+    bool Begun() const { return begun; }
     uint8_t* DataPtr();
 
     int num;
@@ -181,5 +186,6 @@ public:
 private:
     bool TakeBack();
 
+    bool begun = true;  // false: DontBegin was the last call
     std::unique_ptr<USBBulkTransferData> p;
 };

@@ -14,7 +14,10 @@ void IQCircularBuffer::Resize(int size, TqDataType dataType) {
     bufferSizeSamples = static_cast<uint64_t>(size);
     bufferSizeBytes = bufferSizeSamples * static_cast<uint64_t>(bytesPerSample);
     buf.resize(bufferSizeBytes);
-    Clear();
+    const Lock held(lock);
+    triggerBuffer.reserve(MAX_TRIGGERS);
+    Empty();
+    sampleLoss = 0;
 }
 
 void IQCircularBuffer::Clear() {
@@ -61,7 +64,8 @@ void IQCircularBuffer::Store(const void* src, int count, const double* triggers,
     // A position beyond a whole ring is no trigger of this stream, and would never be taken out.
     const auto before = static_cast<double>(dataInBufSamples);
     for (int i = 0; i < triggerCount; i++) {
-        if (triggers[i] < static_cast<double>(bufferSizeSamples)) triggerBuffer.push_back(triggers[i] + before);
+        const bool inReach = triggers[i] < static_cast<double>(bufferSizeSamples);
+        if (inReach && triggerBuffer.size() < MAX_TRIGGERS) triggerBuffer.push_back(triggers[i] + before);
     }
 
     // Each block renews the time, so that the roundings of the reads don't add up.
@@ -84,10 +88,10 @@ void IQCircularBuffer::Read(void* dst, int count, int& samplesReturned, double* 
     samplesReturned = static_cast<int>(n);
 
     const auto taken = static_cast<double>(n);
-    while (!triggerBuffer.empty() && triggerBuffer.front() < taken) {
-        if (trigReturned < trigPtrLen) trigPtr[trigReturned++] = triggerBuffer.front();
-        triggerBuffer.pop_front();
-    }
+    const auto behind = std::ranges::find_if(triggerBuffer, [taken](double position) { return position >= taken; });
+    trigReturned = std::min(static_cast<int>(behind - triggerBuffer.begin()), std::max(trigPtrLen, 0));
+    std::copy_n(triggerBuffer.begin(), trigReturned, trigPtr);
+    triggerBuffer.erase(triggerBuffer.begin(), behind);
     for (double& position : triggerBuffer) position -= taken;
 
     dataInBufSamples -= n;

@@ -4,8 +4,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <vector>
 
 #include "tq_api.h"
@@ -13,6 +13,9 @@
 
 class IQCircularBuffer {
 public:
+    // An instrument reports one trigger a transfer, and half a second has some 250 of these.
+    static constexpr std::size_t MAX_TRIGGERS = 1024;
+
     // The memory of the ring; it outlives this object.
     explicit IQCircularBuffer(std::vector<uint8_t>& memory) : buf(memory) {}
     IQCircularBuffer(const IQCircularBuffer&) = delete;
@@ -34,9 +37,10 @@ public:
     // 1 when samples were dropped since the last call, else 0.
     int SampleLoss() { return sampleLoss.exchange(0); }
 
-    // Stores a block. One that would fill the ring first drops all that is there. Doesn't allocate but for a trigger.
+    // Stores a block. One that would fill the ring first drops all that is there. Doesn't allocate.
     //   src       count samples of the stored type, fewer than the ring's size
-    //   triggers  triggerCount positions, ascending, in samples from src on; they may lie behind the block
+    //   triggers  triggerCount positions, ascending, in samples from src on; they may lie behind the block. Those that
+    //             find MAX_TRIGGERS waiting are lost
     //   t         time of src[0], [ns] since the epoch
     void Append(const void* src, int count, const double* triggers, int triggerCount, uint64_t t);
 
@@ -66,8 +70,8 @@ private:
     double nsPerSample = 0.0;
     std::atomic<uint64_t> dataInBufSamples = 0;
     std::atomic<int> sampleLoss = 0;
-    uint64_t write TQ_GUARDED_BY(lock) = 0;                // byte offset of the next sample to store
-    uint64_t read TQ_GUARDED_BY(lock) = 0;                 // byte offset of the oldest sample
-    std::deque<double> triggerBuffer TQ_GUARDED_BY(lock);  // in samples from `read` on, ascending
-    uint64_t time TQ_GUARDED_BY(lock) = 0;                 // of the sample at `read`, [ns] since the epoch
+    uint64_t write TQ_GUARDED_BY(lock) = 0;                 // byte offset of the next sample to store
+    uint64_t read TQ_GUARDED_BY(lock) = 0;                  // byte offset of the oldest sample
+    std::vector<double> triggerBuffer TQ_GUARDED_BY(lock);  // in samples from `read` on, ascending; never grows
+    uint64_t time TQ_GUARDED_BY(lock) = 0;                  // of the sample at `read`, [ns] since the epoch
 };

@@ -141,13 +141,24 @@ bool DeviceInterface::AlignXfers() {
     fetchOne.StartNewCommand();
     fetchOne.AddFetchAux(1);
 
+    aligning = true;
+    const bool aligned = Drain() && CompleteUnit(fetchOne);
+    aligning = false;
+    return aligned;
+}
+
+// Reads until the instrument falls silent. False: it does not.
+bool DeviceInterface::Drain() {
     int drained = 0;
     while (!FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS).timeout) {
         if (++drained == MAX_DRAIN_READS) return false;
     }
     ClearTransferStatus();
+    return true;
+}
 
-    // The instrument hands over whole units of four packets, so only a packet that completes a unit ends a read.
+// The instrument hands over whole units of four packets, so only a packet that completes a unit ends a read.
+bool DeviceInterface::CompleteUnit(TqCommand& fetchOne) {
     for (int attempt = 1; attempt <= ALIGN_ATTEMPTS; ++attempt) {
         if (!SendCommands(fetchOne)) return false;
         const DMAXferStatus read = FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS);
@@ -230,14 +241,30 @@ TqStatus DeviceInterface::SetFanSetPoint(float setPoint) {
     return transferStatus;
 }
 
+bool DeviceInterface::MayBegin() const { return transferStatus == tqNoError || aligning || (lastWords && !unheard); }
+
 void DeviceInterface::BeginCommandXfer(int slot, const uint8_t* data) {
-    Slot(cmdXfers, slot).BeginDataXfer(data, USB_CMD_SIZE_BYTES, USBBulkTransfer::DMA_TIMEOUT);
+    USBBulkTransfer& xfer = Slot(cmdXfers, slot);
+    if (MayBegin()) {
+        xfer.BeginDataXfer(data, USB_CMD_SIZE_BYTES, USBBulkTransfer::DMA_TIMEOUT);
+    } else {
+        xfer.DontBegin(USB_CMD_SIZE_BYTES);
+    }
 }
 
-DMAXferStatus DeviceInterface::FinishCommandXfer(int slot) { return FinishXfer(Slot(cmdXfers, slot)); }
+DMAXferStatus DeviceInterface::FinishCommandXfer(int slot) {
+    const DMAXferStatus status = FinishXfer(Slot(cmdXfers, slot));
+    if (status.Failed() && lastWords) unheard = true;
+    return status;
+}
 
 void DeviceInterface::BeginDataXfer(int slot, int len, int timeoutMS) {
-    Slot(dataXfers, slot).BeginDataXfer(len, timeoutMS);
+    USBBulkTransfer& xfer = Slot(dataXfers, slot);
+    if (MayBegin()) {
+        xfer.BeginDataXfer(len, timeoutMS);
+    } else {
+        xfer.DontBegin(len);
+    }
 }
 
 DMAXferStatus DeviceInterface::FinishDataXfer(int slot) {
@@ -277,6 +304,7 @@ DMAXferStatus DeviceInterface::FinishXfer(USBBulkTransfer& xfer) {
     status.timeout = xfer.WaitForXfer();
     status.xferLenRequested = xfer.XferLenRequested();
     status.xferLen = xfer.FinishDataXfer();
+    status.begun = xfer.Begun();
     if (status.Failed()) transferStatus = tqConnectionLostErr;
     return status;
 }

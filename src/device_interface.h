@@ -78,7 +78,8 @@ public:
     TqStatus SetFanSetPoint(float setPoint);  // [degrees Celsius]; the transfer status
 
     // One slot each. A read is begun before the command that feeds it, and slots are finished in the order in which
-    // they were begun. A failed or short transfer leaves tqConnectionLostErr in the transfer status.
+    // they were begun. A failed or short transfer leaves tqConnectionLostErr in the transfer status. From then on
+    // nothing is begun any more, since each transfer would wait for its time-out: Finish answers at once, and says so.
     //   slot  0 to USB_XFER_SLOTS - 1
     //   data  USB_CMD_SIZE_BYTES bytes
     //   len   [bytes], at most USBBulkTransfer::MAX_XFER_SIZE
@@ -86,6 +87,20 @@ public:
     DMAXferStatus FinishCommandXfer(int slot);
     void BeginDataXfer(int slot, int len, int timeoutMS);
     DMAXferStatus FinishDataXfer(int slot);
+
+    // While one lives, transfers are begun over a lost link, too: for the words that leave an instrument quiet, and the
+    // reads ahead of them. One failed read may have marked a live link. When such a command fails as well nobody
+    // listens, and no further one is begun. One at a time.
+    class LastWords {
+    public:
+        explicit LastWords(DeviceInterface& device) : iface(device) { iface.lastWords = true; }
+        ~LastWords() { iface.lastWords = false; }
+        LastWords(const LastWords&) = delete;
+        LastWords& operator=(const LastWords&) = delete;
+
+    private:
+        DeviceInterface& iface;
+    };
 
     // Begin and finish in one call.
     DMAXferStatus FullCommandXfer(int slot, const uint8_t* data);
@@ -96,6 +111,7 @@ public:
 
     std::vector<uint8_t> calMem;   // sizeof(TQ720CalData) bytes; all 0xFF: no calibration
     bool checkSumInvalid = false;  // the record in calMem failed its validation
+    bool ownedElsewhere = false;   // another process has the instrument: Connect left it alone
     DeviceHandle usbHandle = nullptr;
     bool deviceConnected = false;
     int serialNumber = -1;
@@ -108,6 +124,13 @@ private:
     bool LoadCalibration();
     bool GetCachedCalibration(int serial);
     void ValidateCalibration();
+    bool Drain();
+    bool CompleteUnit(TqCommand& fetchOne);
+    bool MayBegin() const;
     static USBBulkTransfer& Slot(SlotArray& slots, int slot);
     DMAXferStatus FinishXfer(USBBulkTransfer& xfer);
+
+    bool aligning = false;  // AlignXfers reads on behind its time-outs
+    std::atomic<bool> lastWords = false;
+    std::atomic<bool> unheard = false;  // last words have failed
 };

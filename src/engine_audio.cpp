@@ -160,18 +160,22 @@ EngineAudio::EngineAudio(EngineIQ& stream, const TqAudioSettings& settings)
 }
 
 EngineAudio::~EngineAudio() {
-    running = false;
-    storeReady.Notify();
+    End();
     threadHandle.join();
-    const Lock left(callerInside);
 }
 
-// A block out of step is heard like any other, as the stream may find back; only a lost instrument is the end.
+void EngineAudio::End() {
+    running = false;
+    storeReady.Notify();
+}
+
+// A block out of step is heard like any other, as the stream may find back; only a lost instrument is the end, and the
+// end of the stream.
 void EngineAudio::WorkThread() {
     while (running) {
         const TqStatus status =
             iqEngine.GetIQ(iq.data(), AudioDemodLen, nullptr, 0, nullptr, tqFalse, nullptr, nullptr);
-        if (status == tqConnectionLostErr) {
+        if (status == tqConnectionLostErr || status == tqInvalidConfigurationErr) {
             streamStatus = status;
             storeReady.Notify();
             return;
@@ -189,12 +193,11 @@ void EngineAudio::StoreBlock(const float* block) {
 }
 
 TqStatus EngineAudio::GetAudio(float* dst) {
-    const Lock inside(callerInside);
     // Behind the end nobody posts any more.
     if (running && streamStatus == tqNoError) storeReady.Wait();
     if (!running || streamStatus != tqNoError) {
         std::fill_n(dst, AudioRetLen, 0.0f);
-        return streamStatus;
+        return streamStatus != tqNoError ? streamStatus.load() : tqInvalidConfigurationErr;
     }
     const Lock held(storeLock);
     std::copy_n(&audioStore[int64_t{storeRead} * AudioRetLen], AudioRetLen, dst);

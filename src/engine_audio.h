@@ -65,16 +65,19 @@ public:
     // arguments outlive the engine. Throws std::bad_alloc, or std::system_error when the thread cannot start.
     EngineAudio(EngineIQ& stream, const TqAudioSettings& settings);
 
-    // Ends behind the block in hand. Wakes a caller of GetAudio and waits for it to leave.
+    // Ends behind the block in hand. No caller is in GetAudio: End has sent it home.
     ~EngineAudio();
     EngineAudio(const EngineAudio&) = delete;
     EngineAudio& operator=(const EngineAudio&) = delete;
 
-    // The next block; blocks until it is there or the engine ends, when it is silence.
+    // Ends the engine for good, at once, and a caller of GetAudio leaves it. The stream ends first.
+    void End();
+
+    // The next block; blocks until it is there.
     //   audio  out, AudioRetLen values
     // tqNoError, whatever reservations there are about the samples; but once the stream has lost the instrument, its
-    // status and silence, at once. A client that falls behind by the whole store misses what it was too slow for and
-    // meets no status. One caller at a time.
+    // status and silence, at once, and tqInvalidConfigurationErr and silence when the engine ends. A client that falls
+    // behind by the whole store misses what it was too slow for and meets no status. One caller at a time.
     TqStatus GetAudio(float* audio);
 
 private:
@@ -95,10 +98,8 @@ private:
     int storeWrite = 0;  // block, WorkThread's
 
     // storeReady: WorkThread posts once per block, GetAudio waits once per block. Lost stream: WorkThread posts once,
-    // after streamStatus. Stop: the destructor posts once, after running = false.
+    // after streamStatus. Stop: End posts, after running = false.
     Semaphore storeReady;
-
-    CriticalSection callerInside;  // held through GetAudio, its wait included, so that the destructor can wait for it
 
     std::thread threadHandle;
 };

@@ -20,6 +20,7 @@ constexpr int DEAD_LINK_PAUSE_MS = 32;       // a lost instrument fails each tra
 constexpr int HIGH_ACCURACY_DECIMATION = 4;  // from here on the tuner affords double precision
 constexpr double FILTER_1_CUTOFF = 0.025;    // of a first stage with a second one behind it
 constexpr double RING_SECONDS = 0.5;
+constexpr int MAX_READ_SAMPLES = 65536;  // for so long, at most, the worker waits for a reader of the ring
 static_assert(PACKET_BYTES == sizeof(AuxData));
 
 // Taps of a stage that decimates on the host.
@@ -73,6 +74,10 @@ EngineIQ::EngineIQ(TqDevice* owner, DeviceInterface& usb, const TqIQSettings& iq
     const double shift = -(settings.centerFreq - patch.actualFreq) / (BASE_SR / hardwareDecimation);
     tuner.Init(std::fmod(shift, 1.0), iqSamplesPerXfer, hardwareDecimation >= HIGH_ACCURACY_DECIMATION);
     DesignFilters();
+    if (settings.softwareFiltering || softwareDecimation > 1) filtered.resize(iqSamplesPerXfer / firstDecimation);
+    if (secondDecimation > 1) twice.resize(iqSamplesPerXfer / softwareDecimation);
+    stopCmds.StartNewCommand();
+    stopCmds.AddStopIQ();
 
     try {
         if (softwareDecimation > 1) {
@@ -92,15 +97,16 @@ EngineIQ::EngineIQ(TqDevice* owner, DeviceInterface& usb, const TqIQSettings& iq
     SetThreadName(acquisitionThreadHandle, "TQ IQ Acquisition Thread");
 }
 
-EngineIQ::~EngineIQ() {
-    StopThreads();
-    const Lock left(callerInside);
-}
+EngineIQ::~EngineIQ() { StopThreads(); }
 
-void EngineIQ::StopThreads() {
+void EngineIQ::End() {
     running = false;
     rawDataReady.Notify();
     userDataReady.Notify();
+}
+
+void EngineIQ::StopThreads() {
+    End();
     if (workThreadHandle.joinable()) workThreadHandle.join();
     if (acquisitionThreadHandle.joinable()) acquisitionThreadHandle.join();
 }
@@ -142,6 +148,11 @@ void EngineIQ::AcquisitionThread() {
         const DMAXferStatus xfer = iface.FinishDataXfer(slot);
         iface.FinishCommandXfer(slot);
         if (iface.TransferStatus() != tqNoError) SystemSleep(DEAD_LINK_PAUSE_MS);
+        if (!xfer.begun) {
+            userDataReady.Notify();  // the caller sees the transfer status
+            begin(slot);
+            continue;
+        }
 
         AuxData aux;
         std::memcpy(&aux, xfer.p + iqPacketSize, sizeof(aux));
@@ -154,10 +165,8 @@ void EngineIQ::AcquisitionThread() {
 
     // The instrument comes to this block behind all fetches, so that each of these is answered. It takes the first
     // slot that the stream does not use.
-    TqCommand stop;
-    stop.StartNewCommand();
-    stop.AddStopIQ();
-    iface.FullCommandXfer(dmaXfersActive, stop.GetCommand(0));
+    const DeviceInterface::LastWords lastWords(iface);
+    iface.FullCommandXfer(dmaXfersActive, stopCmds.GetCommand(0));
     for (int slot = 0; slot < dmaXfersActive; slot++) {
         iface.FinishDataXfer(slot);
         iface.FinishCommandXfer(slot);
@@ -218,7 +227,6 @@ void EngineIQ::FinishRawStep(const Ipp32fc* samples, int count) {
 }
 
 void EngineIQ::FilterOnlyThread() {
-    DSP::Vector<Ipp32fc> filtered(settings.softwareFiltering ? iqSamplesPerXfer : 0);
     while (const Ipp32fc* const samples = NextRawStep()) {
         if (settings.softwareFiltering) filter.Filter(samples, filtered.data(), iqSamplesPerXfer);
         FinishRawStep(settings.softwareFiltering ? filtered.data() : samples, iqSamplesPerXfer);
@@ -227,18 +235,15 @@ void EngineIQ::FilterOnlyThread() {
 
 // Lengths are multiples of the factors, so that a transfer always becomes the same number of samples.
 void EngineIQ::DownsampleAndFilterThread() {
-    DSP::Vector<Ipp32fc> once(iqSamplesPerXfer / firstDecimation);
-    DSP::Vector<Ipp32fc> twice(iqSamplesPerXfer / softwareDecimation);
     while (const Ipp32fc* const samples = NextRawStep()) {
-        int count = stage1.Filter(samples, once.data(), iqSamplesPerXfer);
-        if (secondDecimation > 1) count = stage2.Filter(once.data(), twice.data(), count);
-        FinishRawStep(secondDecimation > 1 ? twice.data() : once.data(), count);
+        int count = stage1.Filter(samples, filtered.data(), iqSamplesPerXfer);
+        if (secondDecimation > 1) count = stage2.Filter(filtered.data(), twice.data(), count);
+        FinishRawStep(secondDecimation > 1 ? twice.data() : filtered.data(), count);
     }
 }
 
 TqStatus EngineIQ::GetIQ(void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
                          TqBool purge, int* sampleLoss, int* samplesRemaining) {
-    const Lock inside(callerInside);
     const int triggerRoom = triggers != nullptr ? std::max(triggerBufSize, 0) : 0;
     int triggersRead = 0;
     int samplesRead = 0;
@@ -256,16 +261,19 @@ TqStatus EngineIQ::GetIQ(void* iqBuf, int iqBufSize, double* triggers, int trigg
         double* const newTriggers = triggers + triggersRead;
         int returned = 0, triggersReturned = 0;
         uint64_t time = 0;
-        circularBuffer.Read(dst, iqBufSize - samplesRead, returned, newTriggers, triggerRoom - triggersRead,
-                            triggersReturned, time, settings.dataType);
+        circularBuffer.Read(dst, std::min(iqBufSize - samplesRead, MAX_READ_SAMPLES), returned, newTriggers,
+                            triggerRoom - triggersRead, triggersReturned, time, settings.dataType);
         for (int i = 0; i < triggersReturned; i++) newTriggers[i] += samplesRead;
         if (samplesRead == 0 && nsSinceEpoch != nullptr) *nsSinceEpoch = static_cast<int64_t>(time);
         if (settings.dataType == tqDataType32fc && returned > 0) {
-            // A read is at most the half second of the ring: 2 * returned fits.
             ippsMulC_32f_I(rfCorrectionScalar, reinterpret_cast<float*>(dst), 2 * returned);
         }
         samplesRead += returned;
         triggersRead += triggersReturned;
+    }
+    if (samplesRead < iqBufSize) {  // ended
+        const TqStatus transferStatus = iface.TransferStatus();
+        return transferStatus != tqNoError ? transferStatus : tqInvalidConfigurationErr;
     }
 
     std::fill(triggers + triggersRead, triggers + triggerRoom, g_triggerSentinelValue.load());

@@ -15,7 +15,6 @@
 #include "frequency_plan.h"
 #include "tq_command.h"
 #include "tq_settings.h"
-#include "vk_critical_section.h"
 #include "vk_semaphore.h"
 
 class TqDevice;
@@ -34,15 +33,18 @@ public:
     EngineIQ(TqDevice* device, DeviceInterface& iface, const TqIQSettings& settings, const PatchSetup& patch,
              const TqCommand& initCmds, const TqCommand& fetchCmds);
 
-    // Stops the stream, finishes all transfers in flight, wakes a caller of GetIQ and waits for it to leave.
+    // Stops the stream and finishes all transfers in flight. No caller is in GetIQ: End has sent it home.
     ~EngineIQ();
     EngineIQ(const EngineIQ&) = delete;
     EngineIQ& operator=(const EngineIQ&) = delete;
 
+    // Ends the stream for good, at once: the threads wind up, and a caller of GetIQ leaves it.
+    void End();
+
     // Factor from tqDataType16sc samples to the corrected scale.
     float GetIQScalar() const { return rfCorrectionScalar; }
 
-    // The next samples; blocks until they are there or the engine ends, when the rest of the buffer stays as it was.
+    // The next samples; blocks until they are there.
     //   iqBuf             out, iqBufSize >= 1 samples of settings.dataType; tqDataType32fc comes corrected
     //   triggers          out, triggerBufSize sample positions in iqBuf, unused places hold g_triggerSentinelValue;
     //                     may be null
@@ -50,8 +52,9 @@ public:
     //   purge             tqTrue: drops what is queued
     //   sampleLoss        out, optional, 1 when queued samples were dropped since the last report, else 0
     //   samplesRemaining  out, optional, samples left in the ring
-    // tqConnectionLostErr comes at once, with the outputs as they stand. Else the first that applies of tqFramingErr,
-    // tqUncalData, tqADCOverflow, tqTempDrift; tqNoError. One caller at a time.
+    // tqConnectionLostErr comes at once, with the outputs as they stand, and so does tqInvalidConfigurationErr when the
+    // stream is ended. Else the first that applies of tqFramingErr, tqUncalData, tqADCOverflow, tqTempDrift; tqNoError.
+    // One caller at a time.
     TqStatus GetIQ(void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
                    TqBool purge, int* sampleLoss, int* samplesRemaining);
 
@@ -80,6 +83,7 @@ private:
     const PatchSetup patch;
     TqCommand initCmds;
     const TqCommand fetchCmds;
+    TqCommand stopCmds;
 
     std::atomic<bool> adcOverflow = false;  // seen in an aux packet since the last GetIQ
     std::atomic<bool> dataLoss = false;
@@ -98,7 +102,9 @@ private:
     DSP::FIR_32fc filter;  // of undecimated streams
     DSP::FIRDown_32fc stage1;
     DSP::FIRDown_32fc stage2;
-    double filterDelay = 0.0;  // of what filters run, [samples] at BASE_SR
+    DSP::Vector<Ipp32fc> filtered;  // worker: a transfer behind the first filter, if any,
+    DSP::Vector<Ipp32fc> twice;     // and behind the second
+    double filterDelay = 0.0;       // of what filters run, [samples] at BASE_SR
     DSP::IQFreqTuner_32fc tuner;
 
     // The store. The acquisition thread fills an entry and then counts it in rawBatchesReady; the worker takes it out
@@ -110,15 +116,13 @@ private:
     int rawReadIx = 0;        // worker
     std::atomic<int> rawBatchesReady = 0;
 
-    // rawDataReady: the acquisition thread posts once per entry, the worker waits once per entry. Stop: the destructor
-    // posts once, after running = false.
+    // rawDataReady: the acquisition thread posts once per entry, the worker waits once per entry. Stop: End posts,
+    // after running = false.
     Semaphore rawDataReady;
 
-    // userDataReady: GetIQ resets it, looks into the ring and waits; the worker notifies behind each block. Stop: the
-    // destructor notifies, after running = false.
+    // userDataReady: GetIQ resets it, looks into the ring and waits; the worker notifies behind each block, and the
+    // acquisition thread while the link is lost. Stop: End notifies, after running = false.
     SemaphoreManual userDataReady;
-
-    CriticalSection callerInside;  // held through GetIQ, its wait included, so that the destructor can wait for it
 
     std::thread acquisitionThreadHandle;
     std::thread workThreadHandle;

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 
 namespace {
 
@@ -64,12 +63,15 @@ EngineIQSweepList::EngineIQSweepList(TqDevice& owner, DeviceInterface& usb, cons
     SetThreadPriorityTimeCritical(xferThreadHandle);
 }
 
-EngineIQSweepList::~EngineIQSweepList() {
+EngineIQSweepList::~EngineIQSweepList() { End(); }
+
+// The callers go last: what a caller has got back is his own.
+void EngineIQSweepList::End() {
+    if (!xferThreadHandle.joinable()) return;
     running = false;
     commandsAddedToQueue.Notify();
     xferThreadHandle.join();
     for (SweepState& state : sweepStates) state.sweepDone.Notify();
-    const std::unique_lock allGone(finishers);
 }
 
 TqStatus EngineIQSweepList::StartSweep(int pos, void* dst, int64_t* timestamps) {
@@ -86,23 +88,20 @@ TqStatus EngineIQSweepList::StartSweep(int pos, void* dst, int64_t* timestamps) 
     state.sweepDone.Reset();
 
     // The parser finds the position for any data that these commands bring.
-    {
-        const Lock held(sweepPositionMutex);
-        sweepPositionQueue.push_back(pos);
-    }
+    sweepPositionQueue.push_back(pos);
     commandQueue.AddToQueue(sweepCommand);
     commandsAddedToQueue.Notify();
     return tqNoError;
 }
 
 TqStatus EngineIQSweepList::FinishSweep(int pos) {
-    const std::shared_lock inside(finishers);
     if (!IsValidSweepPosition(pos)) return tqInvalidParameterErr;
     SweepState& state = sweepStates[static_cast<std::size_t>(pos)];
     if (!state.active) return tqSweepAlreadyActiveErr;
 
     state.sweepDone.Wait();
-    const TqStatus status = state.complete ? SweepStatus(state) : tqInvalidConfigurationErr;
+    TqStatus status = SweepStatus(state);
+    if (!state.complete && status != tqConnectionLostErr) status = tqInvalidConfigurationErr;
     state.active = false;
     return status;
 }
@@ -137,7 +136,8 @@ TqStatus EngineIQSweepList::SweepStatus(const SweepState& state) const {
 // All counts move by what was asked for, whatever came of a transfer, so that a sweep always completes.
 void EngineIQSweepList::XferThread() {
     while (running) {
-        if (commandQueue.Size() == 0 && xfers.pktsInQueue == 0 && xfers.xferInQueue == 0) {
+        const bool idle = !CommandsWaiting() && xfers.pktsInQueue == 0 && xfers.xferInQueue == 0;
+        if (idle) {
             TQ_ASSERT(xfers.cmdInQueue == 0);
             commandsAddedToQueue.Wait();
             xfers.cmdStartPos = xfers.cmdStopPos = xfers.xferStartPos = xfers.xferStopPos = 0;
@@ -146,7 +146,7 @@ void EngineIQSweepList::XferThread() {
         if (Gather()) Issue();
 
         // Deep queues are what keeps the instrument going while a transfer is parsed.
-        const bool runDry = commandQueue.Size() == 0 && xfers.pktsInQueue == 0;
+        const bool runDry = !CommandsWaiting() && xfers.pktsInQueue == 0;
         const bool full = xfers.xferInQueue >= MAX_XFERS_IN_QUEUE;
         if (full || (xfers.xferInQueue > 0 && (xfers.cmdInQueue == MAX_CMDS_IN_QUEUE || runDry))) Collect();
     }
@@ -206,7 +206,7 @@ void EngineIQSweepList::Collect() {
         xfers.cmdStartPos = NextSlot(xfers.cmdStartPos);
         xfers.cmdInQueue--;
     }
-    ProcessData(status.p, status.xferLenRequested);
+    ProcessData(status);
 }
 
 // Leaves nothing in flight, and the instrument idle with an empty stream, also amid a sweep. The data are dropped.
@@ -225,28 +225,29 @@ void EngineIQSweepList::FinishEverything() {
         xfers.cmdStartPos = NextSlot(xfers.cmdStartPos);
     }
 
-    // Over a lost link there is nothing left to align, and each try would cost a time-out.
-    if (!abandoned || iface.TransferStatus() != tqNoError) return;
+    // Behind a failed transfer the stream is aligned by the next open, but an instrument that lives is still to stop.
+    if (!abandoned && iface.TransferStatus() == tqNoError) return;
+    const DeviceInterface::LastWords lastWords(iface);
     const int unread = xfers.pktsInQueue;  // asked for by the commands that went out, less than a unit
     if (unread > 0) iface.BeginDataXfer(0, XFER_UNIT_BYTES, USBBulkTransfer::DMA_TIMEOUT);
     iface.FullCommandXfer(USB_CMD_SLOT, stopCommand.GetCommand(unread));
     if (unread > 0) iface.FinishDataXfer(0);
 }
 
-// Takes one transfer apart. It may end amid a stage, and begin or end a sweep anywhere.
-void EngineIQSweepList::ProcessData(const uint8_t* data, int len) {
-    int pktsLeft = len / PACKET_BYTES;
+// Takes one transfer apart. It may end amid a stage, and begin or end a sweep anywhere. One that never began is only
+// counted.
+void EngineIQSweepList::ProcessData(const DMAXferStatus& xfer) {
+    const uint8_t* data = xfer.begun ? xfer.p : nullptr;
+    int pktsLeft = xfer.xferLenRequested / PACKET_BYTES;
     while (pktsLeft > 0) {
         if (activeSweepState == nullptr) {
-            const Lock held(sweepPositionMutex);
-            TQ_ASSERT(!sweepPositionQueue.empty());
             activeSweepState = &sweepStates[static_cast<std::size_t>(sweepPositionQueue.front())];
             sweepPositionQueue.pop_front();
             BeginStep(*activeSweepState);
         }
         SweepState& state = *activeSweepState;
         const int taken = state.part == Part::IQ ? TakeIQ(state, data, pktsLeft) : TakeAux(state, data, pktsLeft);
-        data += static_cast<std::ptrdiff_t>(taken) * PACKET_BYTES;
+        if (data != nullptr) data += static_cast<std::ptrdiff_t>(taken) * PACKET_BYTES;
         pktsLeft -= taken;
     }
 }
@@ -260,23 +261,12 @@ void EngineIQSweepList::BeginStep(SweepState& state) {
     state.part = info.loopSamples > 0 ? Part::IQ : Part::Aux;
 }
 
-// Writes what the client wants of the packets of this loop and runs over the rest. The packets used up.
+// Delivers what the client wants of the packets of this loop and runs over the rest. The packets used up.
 int EngineIQSweepList::TakeIQ(SweepState& state, const uint8_t* data, int pktsLeft) {
     const StepInfo& info = StepOf(state);
     const int64_t toAdvance = std::min(int64_t{pktsLeft} * SAMPLES_PER_PKT, info.loopSamples - state.stepPos);
     const int toCopy = static_cast<int>(std::min(toAdvance, state.userSamplesLeft));
-    const auto* samples = reinterpret_cast<const Ipp16sc*>(data);
-    if (state.iq == nullptr) {
-        // The caller wants the time stamps alone.
-    } else if (settings.dataType == tqDataType32fc) {
-        Ipp32fc* const dst = static_cast<Ipp32fc*>(state.iq) + state.iqPos;
-        tuner.Tune(samples, dst, toCopy);
-        if (!settings.fullScale && toCopy > 0) {
-            ippsMulC_32f_I(info.rfCorrectionScalar, reinterpret_cast<float*>(dst), 2 * toCopy);
-        }
-    } else {
-        tuner.Tune(samples, static_cast<Ipp16sc*>(state.iq) + state.iqPos, toCopy);
-    }
+    if (data != nullptr && state.iq != nullptr) Deliver(state, reinterpret_cast<const Ipp16sc*>(data), toCopy);
     state.iqPos += toCopy;
     state.userSamplesLeft -= toCopy;
     state.stepPos += toAdvance;
@@ -287,10 +277,22 @@ int EngineIQSweepList::TakeIQ(SweepState& state, const uint8_t* data, int pktsLe
     return static_cast<int>(toAdvance / SAMPLES_PER_PKT);
 }
 
+void EngineIQSweepList::Deliver(SweepState& state, const Ipp16sc* samples, int count) {
+    if (settings.dataType == tqDataType16sc) {
+        tuner.Tune(samples, static_cast<Ipp16sc*>(state.iq) + state.iqPos, count);
+        return;
+    }
+    Ipp32fc* const dst = static_cast<Ipp32fc*>(state.iq) + state.iqPos;
+    tuner.Tune(samples, dst, count);
+    if (!settings.fullScale && count > 0) {
+        ippsMulC_32f_I(StepOf(state).rfCorrectionScalar, reinterpret_cast<float*>(dst), 2 * count);
+    }
+}
+
 // Reads the first aux packet of a loop; the others only fill up the last transfer of the sweep.
 int EngineIQSweepList::TakeAux(SweepState& state, const uint8_t* data, int pktsLeft) {
     const StepInfo& info = StepOf(state);
-    if (state.stepPos == 0) ReadAux(state, data);
+    if (state.stepPos == 0 && data != nullptr) ReadAux(state, data);
     const int toAdvance = static_cast<int>(std::min<int64_t>(pktsLeft, info.auxData - state.stepPos));
     state.stepPos += toAdvance;
     if (state.stepPos == info.auxData) EndLoop(state);

@@ -7,18 +7,16 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <list>
 #include <optional>
-#include <shared_mutex>
 #include <thread>
 #include <vector>
 
 #include "device_interface.h"
 #include "dsp.h"
 #include "list_plan.h"
+#include "threaded_deque.h"
 #include "tq_command.h"
 #include "tq_settings.h"
-#include "vk_critical_section.h"
 #include "vk_semaphore.h"
 
 class TqDevice;
@@ -56,26 +54,29 @@ public:
     EngineIQSweepList(TqDevice& owner, DeviceInterface& usb, const TqIQSweepListSettings& listSettings,
                       const std::vector<StepInfo>& steps, const TqCommand& commands);
 
-    // Abandons the sweeps under way, whose buffers are not touched from here on: drops the blocks that have not gone
-    // out, takes everything that the others asked for and stops the acquisition, so that the instrument's stream stays
-    // aligned. Callers blocked in FinishSweep leave it first. A dead instrument costs a few times 2 s.
     ~EngineIQSweepList();
     EngineIQSweepList(const EngineIQSweepList&) = delete;
     EngineIQSweepList& operator=(const EngineIQSweepList&) = delete;
+
+    // Ends the engine, for good and before its destruction: abandons the sweeps under way, whose buffers are not
+    // touched from here on, and sends callers of FinishSweep home. Drops the blocks that have not gone out, takes
+    // everything that the others asked for and stops the acquisition, so that the instrument's stream stays aligned.
+    // Blocks until that is done, some 2 s when the instrument is dead. StartSweep doesn't come any more.
+    void End();
 
     // Queues one pass over the list and returns at once. Sweeps run in the order of these calls.
     //   pos         0 to 15, else tqInvalidParameterErr; tqSweepAlreadyActiveErr, and no change, if it is taken
     //   dst         out, userSamples of all steps back to back, Ipp32fc or Ipp16sc by settings.dataType; may be null
     //   timestamps  out, one for each step, time of its first sample [ns since the epoch]; may be null
     // Both buffers stay the caller's and must last until FinishSweep has returned. Calls come from one thread at a
-    // time, FinishSweep of other positions aside. May throw std::bad_alloc.
+    // time, FinishSweep of other positions aside.
     TqStatus StartSweep(int pos, void* dst, int64_t* timestamps);
 
-    // Blocks until the sweep in this position stands complete, also with a failure status, and frees the position. A
-    // dead instrument costs up to 2 s for each transfer. Any order of positions; one caller for each.
+    // Blocks until the sweep in this position stands complete, also with a failure status, and frees the position. Over
+    // a lost link it completes at once, by count. Any order of positions; one caller for each.
     // Returns the first that applies of: the transfer status, tqFramingErr, tqUncalData, tqADCOverflow, tqTempDrift;
     // tqNoError otherwise. tqInvalidParameterErr for a position that does not exist, tqSweepAlreadyActiveErr for a
-    // free one, tqInvalidConfigurationErr when the engine ended first.
+    // free one, tqInvalidConfigurationErr when the engine ended first over a sound link.
     TqStatus FinishSweep(int pos);
 
     // Both in one call, in position 0. tqSweepAlreadyActiveErr, and no change, if any position is taken.
@@ -109,7 +110,7 @@ private:
         bool adcOverflow = false;
 
         // sweepDone: XferThread notifies behind the last aux packet, with nothing of the sweep left on the USB;
-        // FinishSweep waits. Stop: the destructor notifies all of them, with `complete` false for what is abandoned.
+        // FinishSweep waits. Stop: End notifies all of them, with `complete` false for what is abandoned.
         SemaphoreManual sweepDone;
     };
 
@@ -132,8 +133,9 @@ private:
     void Issue();
     void Collect();
     void FinishEverything();
-    void ProcessData(const uint8_t* data, int len);
-    int TakeIQ(SweepState& state, const uint8_t* data, int pktsLeft);
+    void ProcessData(const DMAXferStatus& xfer);
+    int TakeIQ(SweepState& state, const uint8_t* data, int pktsLeft);  // data null: only counts
+    void Deliver(SweepState& state, const Ipp16sc* samples, int count);
     int TakeAux(SweepState& state, const uint8_t* data, int pktsLeft);
     void ReadAux(SweepState& state, const uint8_t* packet);
     void EndLoop(SweepState& state);
@@ -150,15 +152,14 @@ private:
 
     std::atomic<bool> running = true;
 
-    // commandsAddedToQueue: StartSweep posts behind the blocks of a sweep; the idle XferThread waits. Stop: the
-    // destructor posts once, after running = false.
+    // commandsAddedToQueue: StartSweep posts behind the blocks of a sweep; the idle XferThread waits. Stop: End posts
+    // once, after running = false.
     CommandQueue commandQueue;
     Semaphore commandsAddedToQueue;
+    static_assert(CommandQueue::MAX_COMMANDS >= SWEEP_POSITIONS);
 
-    CriticalSection sweepPositionMutex;
-    std::list<int> sweepPositionQueue TQ_GUARDED_BY(sweepPositionMutex);  // in the order of StartSweep
+    ThreadedDeque<int, SWEEP_POSITIONS> sweepPositionQueue;  // in the order of StartSweep
     std::array<SweepState, SWEEP_POSITIONS> sweepStates;
-    std::shared_mutex finishers;  // shared while a caller is in FinishSweep; the destructor takes it when all are woken
 
     // Of XferThread alone.
     Transfers xfers;

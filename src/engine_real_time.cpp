@@ -98,6 +98,8 @@ EngineRealTime::EngineRealTime(TqDevice& owner, DeviceInterface& usbInterface, c
     Allocate(compositeFrames, imagePixels);
     Allocate(compositeAlpha, imagePixels);
     ClearTraces();
+    stopCommands.StartNewCommand();
+    stopCommands.AddStopIQ();
 
     // The stream comes last: nothing has to be stopped on the wire when a thread cannot start.
     try {
@@ -117,22 +119,23 @@ EngineRealTime::EngineRealTime(TqDevice& owner, DeviceInterface& usbInterface, c
     firstSlotHeld.Wait();
 }
 
-EngineRealTime::~EngineRealTime() {
-    StopThreads();
-    const Lock left(callerInside);
-}
+EngineRealTime::~EngineRealTime() { StopThreads(); }
 
-void EngineRealTime::StopThreads() {
+void EngineRealTime::End() {
     running = false;
     fftBatchReady.Notify();
     storeDataReady.Notify();
+}
+
+void EngineRealTime::StopThreads() {
+    End();
     if (usbThreadHandle.joinable()) usbThreadHandle.join();
     if (fftThreadHandle.joinable()) fftThreadHandle.join();
     if (accumulationThreadHandle.joinable()) accumulationThreadHandle.join();
 }
 
-// Keeps DMA_QUEUE_SIZE transfers in flight from the start block to the stop word, and cuts the stream, which comes 127
-// packets at a time, into blocks of 128: each transfer but the first of 128 completes one.
+// Keeps DMA_QUEUE_SIZE transfers in flight from the start block to the stop word. Over a lost link frames go on, out of
+// what the store holds, so that a caller who waits for one hears of it.
 void EngineRealTime::USBThread() {
     usb.SendCommands(initiateCommands);
     const auto begin = [this](int slot) {
@@ -141,26 +144,18 @@ void EngineRealTime::USBThread() {
     };
     for (int slot = 0; slot < DMA_QUEUE_SIZE; slot++) begin(slot);
 
-    std::size_t leftInBuffer = 0;
     int dmaIndex = 0;
     for (; running; dmaIndex = (dmaIndex + 1) % DMA_QUEUE_SIZE) {
         const DMAXferStatus xfer = usb.FinishDataXfer(dmaIndex);
         usb.FinishCommandXfer(dmaIndex);
         if (usb.TransferStatus() != tqNoError) SystemSleep(DEAD_LINK_PAUSE_MS);
-
-        unsigned char* const mem = stitched.data();
-        if (leftInBuffer == 0) {
-            std::memcpy(mem, xfer.p, BYTES_PER_XFER);
-            leftInBuffer = BYTES_PER_XFER;
+        if (xfer.begun) {
+            Stitch(xfer.p);
         } else {
-            const std::size_t after = XFER_SIZE - leftInBuffer;
-            std::memcpy(mem + leftInBuffer, xfer.p, after);
-            Store(mem);
-            leftInBuffer -= PACKET_BYTES;
-            std::memcpy(mem, xfer.p + after, leftInBuffer);
+            CountBlock();
         }
 
-        if (dmaIndex == 0) {
+        if (dmaIndex == 0 && xfer.begun) {
             AuxData aux;
             std::memcpy(&aux, xfer.p + BYTES_PER_XFER, sizeof(aux));
             device.UpdateAuxData(&aux);
@@ -172,14 +167,28 @@ void EngineRealTime::USBThread() {
 
     // The instrument comes to this block behind all fetches, so that each of these is answered. It takes the first
     // slot that the stream does not use.
-    TqCommand stop;
-    stop.StartNewCommand();
-    stop.AddStopIQ();
-    usb.FullCommandXfer(DMA_QUEUE_SIZE, stop.GetCommand(0));
+    const DeviceInterface::LastWords lastWords(usb);
+    usb.FullCommandXfer(DMA_QUEUE_SIZE, stopCommands.GetCommand(0));
     for (int i = 0; i < DMA_QUEUE_SIZE; i++, dmaIndex = (dmaIndex + 1) % DMA_QUEUE_SIZE) {
         usb.FinishDataXfer(dmaIndex);
         usb.FinishCommandXfer(dmaIndex);
     }
+}
+
+// Cuts the stream, which comes 127 packets at a time, into blocks of 128: each transfer but the first of 128 completes
+// one.
+void EngineRealTime::Stitch(const uint8_t* p) {
+    unsigned char* const mem = stitched.data();
+    if (leftInBuffer == 0) {
+        std::memcpy(mem, p, BYTES_PER_XFER);
+        leftInBuffer = BYTES_PER_XFER;
+        return;
+    }
+    const std::size_t after = XFER_SIZE - leftInBuffer;
+    std::memcpy(mem + leftInBuffer, p, after);
+    Store(mem);
+    leftInBuffer -= PACKET_BYTES;
+    std::memcpy(mem, p + after, leftInBuffer);
 }
 
 // A block of IQ_PER_XFER device samples into the store.
@@ -187,8 +196,12 @@ void EngineRealTime::Store(const uint8_t* d) {
     const auto* const samples = reinterpret_cast<const Ipp16sc*>(d);
     if (storeWriteIndex == 0) DSP::Convert_16sc32fc(samples, store.data() + STORE_SAMPLES, IQ_PER_XFER);
     DSP::Convert_16sc32fc(samples, store.data() + storeWriteIndex * IQ_PER_XFER, IQ_PER_XFER);
-    storeWriteIndex = (storeWriteIndex + 1) % XFER_TO_STORE;
+    CountBlock();
+}
 
+// One block more in the store.
+void EngineRealTime::CountBlock() {
+    storeWriteIndex = (storeWriteIndex + 1) % XFER_TO_STORE;
     if (storeSamplesAvailable += IQ_PER_XFER; storeSamplesAvailable > STORE_SAMPLES) {
         storeSamplesAvailable -= STORE_SAMPLES;
     }
@@ -283,10 +296,12 @@ void EngineRealTime::ClearTraces() {
 }
 
 TqStatus EngineRealTime::GetFrame(TqRealTimeFrame* frame) {
-    const Lock inside(callerInside);
     {
         const std::lock_guard<std::mutex> slot(sweepLocks[outReadIndex]);
-        if (!running) return tqInvalidConfigurationErr;
+        if (!running) {
+            const TqStatus transferStatus = usb.TransferStatus();
+            return transferStatus != tqNoError ? transferStatus : tqInvalidConfigurationErr;
+        }
         ReadFrame(outReadIndex, frame);
     }
     outReadIndex = (outReadIndex + 1) % FRAMES_STORED;

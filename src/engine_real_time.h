@@ -16,7 +16,6 @@
 #include "real_time_plan.h"
 #include "tq_command.h"
 #include "tq_settings.h"
-#include "vk_critical_section.h"
 #include "vk_semaphore.h"
 
 class TqDevice;
@@ -73,21 +72,26 @@ public:
                    const RealTimeSetup& rtSetup, const PatchSetup& patchInfo, const TqCommand& initiateCommands,
                    const TqCommand& fetchCommands);
 
-    // Stops the stream, finishes all transfers in flight, wakes a caller of GetFrame and waits for it to leave.
+    // Stops the stream and finishes all transfers in flight. No caller is in GetFrame: End has sent it home.
     ~EngineRealTime();
     EngineRealTime(const EngineRealTime&) = delete;
     EngineRealTime& operator=(const EngineRealTime&) = delete;
 
+    // Ends the stream for good, at once: the threads wind up, and a caller of GetFrame leaves it.
+    void End();
+
     // The next frame in order; blocks until it is finished. A caller that is late by more than 39 frames finds newer
     // ones in their place. The first that applies of the transfer status, tqFramingErr, tqUncalData, tqADCOverflow,
-    // tqTempDrift; tqNoError. All come with the frame. tqInvalidConfigurationErr, with nothing written, when the engine
-    // ends meanwhile. One caller at a time.
+    // tqTempDrift; tqNoError. All come with the frame. When the engine ends meanwhile, the transfer status if that is
+    // an error, else tqInvalidConfigurationErr, and nothing is written. One caller at a time.
     TqStatus GetFrame(TqRealTimeFrame* frame);
 
 private:
     void StopThreads();
     void USBThread();
+    void Stitch(const uint8_t* p);
     void Store(const uint8_t* d);
+    void CountBlock();
     void FFTThread();
     void AccumulationThread();
     void Detect(const float* fftResult);
@@ -102,6 +106,7 @@ private:
     DeviceInterface& usb;
     TqCommand initiateCommands;
     const TqCommand fetchCommands;
+    TqCommand stopCommands;
 
     std::atomic<bool> running = true;
     std::atomic<bool> adcOverflow = false;  // seen in an aux packet since the last GetFrame
@@ -122,13 +127,14 @@ private:
     // The USB thread never waits for the FFT thread: it overwrites in place. What is lost then is whole rounds of the
     // ring: the counter gives up as many samples, and both indices stay where they are.
     DSP::Vector<Ipp32fc> store;
-    DSP::Vector<unsigned char> stitched;  // USB thread: a block out of two transfers
+    DSP::Vector<unsigned char> stitched;  // USB thread: a block out of two transfers,
+    std::size_t leftInBuffer = 0;         // of which so much stands, [bytes]
     int storeWriteIndex = 0;              // USB thread: block
     int storeReadIndex = 0;               // FFT thread: sample
     alignas(64) std::atomic<int32_t> storeSamplesAvailable = 0;
 
     // storeDataReady: the USB thread posts behind each block once four are pending; the FFT thread waits when less than
-    // a transform is. Stop: the destructor posts, after running = false.
+    // a transform is. Stop: End posts, after running = false.
     Semaphore storeDataReady;
 
     // The ring of spectra, under the same rule: the accumulation thread loses whole rounds.
@@ -164,7 +170,6 @@ private:
     // The caller's.
     std::size_t outReadIndex = 0;
     DSP::Vector<float> finalImage;
-    CriticalSection callerInside;  // held through GetFrame, its wait included, so that the destructor can wait for it
 
     std::thread usbThreadHandle;
     std::thread fftThreadHandle;

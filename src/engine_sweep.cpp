@@ -41,9 +41,14 @@ EngineSweep::EngineSweep(TqDevice* owner, DeviceInterface& usb, const TqSweepSet
     TQ_ASSERT(bufferSize >= MAX_PKT_PER_XFER * SAMPLES_PER_PACKET);
     TQ_ASSERT((cmds.GetTotalXferCount() + cmds.GetTotalAuxCount()) % PKTS_PER_UNIT == 0);
 
+    TQ_ASSERT(CompactedBins(setup) > 0);
+
+    cmdList.reserve(MAX_CMDS_IN_QUEUE);
     const int64_t rowsSize = static_cast<int64_t>(setup.numSteps) * setup.fftSize;
-    sweepState.minData.resize(rowsSize);
-    sweepState.maxData.resize(rowsSize);
+    for (DSP::Vector<float>* rows : {&sweepState.minData, &sweepState.maxData}) {
+        rows->resize(rowsSize);
+        std::fill_n(rows->data(), rowsSize, 0.0f);
+    }
     for (int i = 0; i < SWEEP_THREADS; i++) {
         inWork[i] = NOT_IN_WORK;
         proc[i] = std::make_unique<SweepProcessor>(settings, setup);
@@ -137,8 +142,6 @@ void EngineSweep::CopySweep(const DSP::Vector<float>& rows, float* dst) const {
 // reads have passed the last of its packets. All counts move by what was asked for, whatever came of a transfer, so
 // that a sweep always completes.
 void EngineSweep::USBThread() {
-    std::vector<CommandQueue::Link> cmdList;  // commands taken, not yet submitted
-    cmdList.reserve(MAX_CMDS_IN_QUEUE);
     int cmdInQueue = 0;   // commands taken, not yet retired
     int pktsInQueue = 0;  // packets of taken commands that no read has asked for
     int xferInQueue = 0;  // reads in flight
@@ -180,7 +183,7 @@ void EngineSweep::USBThread() {
         const DMAXferStatus status = iface.FinishDataXfer(xferStopPos);
         xferStopPos = NextSlot(xferStopPos);
         xferInQueue--;
-        AddData(status.p, status.xferLenRequested);
+        AddData(status);
 
         // One read may finish more than one command, or only a part of one.
         int xferred = status.xferLenRequested / PACKET_BYTES;
@@ -201,20 +204,26 @@ void EngineSweep::USBThread() {
     }
 }
 
-// Takes one transfer apart. Of a sweep's aux packets only the first is read, the others only fill up the transfer.
-void EngineSweep::AddData(const uint8_t* p, int xferLenBytes) {
-    int pktsLeft = xferLenBytes / PACKET_BYTES;
+// Takes one transfer apart. Of a sweep's aux packets only the first is read, the others only fill up the transfer. One
+// that never began is only counted: behind it none begins, so that nothing is stored in the ring any more.
+void EngineSweep::AddData(const DMAXferStatus& xfer) {
+    const uint8_t* p = xfer.p;
+    int pktsLeft = xfer.xferLenRequested / PACKET_BYTES;
     while (pktsLeft > 0) {
         SweepXferInfo& info = pktCounters.front();
         int count = 0;
         if (info.pktCount > 0) {
             count = std::min(info.pktCount, pktsLeft);
             info.pktCount -= count;
-            StoreSamples(p, count);
+            if (xfer.begun) {
+                StoreSamples(p, count);
+            } else {
+                bufferWrite += static_cast<int64_t>(count) * SAMPLES_PER_PACKET;
+            }
         } else {
             count = std::min(info.auxCount, pktsLeft);
             info.auxCount -= count;
-            if (!info.processedAux) ReadAux(p);
+            if (!info.processedAux && xfer.begun) ReadAux(p);
             info.processedAux = true;
             if (info.auxCount == 0) pktCounters.pop_front();
         }
@@ -261,7 +270,9 @@ void EngineSweep::ReadAux(const uint8_t* p) {
 
 void EngineSweep::WorkThread(int threadNum) {
     while (const std::optional<ClaimedStep> step = ClaimStep(threadNum)) {
-        ProcessStep(threadNum, *step);
+        // Over a lost link steps are passed over, since their samples may never have come.
+        if (iface.TransferStatus() == tqNoError) ProcessStep(threadNum, *step);
+        inWork[threadNum] = NOT_IN_WORK;
         if (sweepState.stepsLeft.fetch_sub(1) != 1) continue;
 
         // Whichever step was the last to finish, all rows stand now.
@@ -287,7 +298,7 @@ void EngineSweep::ProcessStep(int threadNum, const ClaimedStep& step) {
     DSP::Vector<float>& rowMin = min[threadNum];
     DSP::Vector<float>& rowMax = max[threadNum];
     proc[threadNum]->ProcessInput(&buffer[step.position % bufferSize], rowMin.data(), rowMax.data());
-    inWork[threadNum] = NOT_IN_WORK;
+    inWork[threadNum] = NOT_IN_WORK;  // the ring may have the samples back
     StoreRow(rowMin, sweepState.minData, step.index);
     StoreRow(rowMax, sweepState.maxData, step.index);
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <vector>
 
 #include "device_interface.h"
 #include "dsp_vector.h"
@@ -42,7 +43,7 @@ public:
     TqStatus StartSweep();
 
     // Blocks until the sweep stands complete and nothing of it is left on the USB, then delivers it, also with a
-    // failure status. A dead instrument costs up to 2 s for each transfer.
+    // failure status. Over a lost link it completes at once, by count: the rows stay as they were.
     //   sweepMin, sweepMax  out, sweepSize bins each, [dBm], [mV], or relative to full scale, by the settings' scale
     //   nsSinceEpoch        out, time of the sweep
     // Null pointers are skipped. Returns the first that applies of: the transfer status, tqFramingErr, tqUncalData,
@@ -84,7 +85,7 @@ private:
     void WaitForSweep();
     void StopThreads();
     void USBThread();
-    void AddData(const uint8_t* p, int xferLenBytes);
+    void AddData(const DMAXferStatus& xfer);
     void StoreSamples(const uint8_t* p, int pktCount);
     void ReadAux(const uint8_t* p);
     int64_t FreeSpace() const;
@@ -122,7 +123,8 @@ private:
     // commandsAddedToQueue: StartSweep posts behind the blocks of a sweep; the idle USB thread waits. Stop: as above.
     CommandQueue commandQueue;
     Semaphore commandsAddedToQueue;
-    ThreadedDeque<SweepXferInfo> pktCounters;
+    ThreadedDeque<SweepXferInfo, 1> pktCounters;
+    std::vector<CommandQueue::Link> cmdList;  // USB thread: blocks taken, not yet submitted; never grows
 
     SweepState sweepState;
     std::unique_ptr<SweepProcessor> proc[SWEEP_THREADS];

@@ -21,7 +21,6 @@ constexpr int MAX_PKT_PER_XFER = USBBulkTransfer::MAX_XFER_SIZE / PACKET_BYTES;
 constexpr int MAX_SAMPLES_PER_XFER = MAX_PKT_PER_XFER * SAMPLES_PER_PACKET;
 constexpr int MAX_CMDS_IN_QUEUE = 4;    // command blocks in flight
 constexpr int MAX_XFERS_IN_QUEUE = 10;  // reads in flight, until the last packets are requested
-constexpr int LOST_TIMEOUT_MS = 1;      // of reads on a lost link, which nothing can bring back
 static_assert(PACKET_BYTES == sizeof(AuxData));
 
 // Anti-alias filter ahead of the host's decimation.
@@ -61,21 +60,27 @@ EngineSweepNarrow::EngineSweepNarrow(TqDevice& owner, DeviceInterface& interface
     const int64_t hops = int64_t{setup.fftsPerStep - 1} * (setup.fftSize / 4);
     TQ_ASSERT(filterDelay + hops + setup.bestFFTSize <= preppedIQ.size());
 
+    cmdList.reserve(MAX_CMDS_IN_QUEUE);
     processor = std::make_unique<SweepProcessor>(settings, setup);
-    priSweepMin.resize(setup.fftSize);
-    priSweepMax.resize(setup.fftSize);
+    for (DSP::Vector<float>* row : {&priSweepMin, &priSweepMax}) {
+        row->resize(setup.fftSize);
+        ippsZero_32f(row->data(), setup.fftSize);
+    }
 }
 
 TqStatus EngineSweepNarrow::GetSweep(float* userMin, float* userMax, int64_t* time) {
     AcquireData();
     ReadAux();
 
-    // Output n of the filter belongs to input n - FILTER_DELAY: what stands before the capture's start is left out.
-    processor->ProcessInput(preppedIQ.data() + filterDelay, priSweepMin.data(), priSweepMax.data());
+    // Over a lost link there is nothing to process. Output n of the filter belongs to input n - FILTER_DELAY: what
+    // stands before the capture's start is left out.
+    if (usb.TransferStatus() == tqNoError) {
+        processor->ProcessInput(preppedIQ.data() + filterDelay, priSweepMin.data(), priSweepMax.data());
+        AddGain(priSweepMin.data() + setup.narrowSweepOffset);
+        AddGain(priSweepMax.data() + setup.narrowSweepOffset);
+    }
     for (const auto& [row, user] : {std::pair{&priSweepMin, userMin}, std::pair{&priSweepMax, userMax}}) {
-        float* const bins = row->data() + setup.narrowSweepOffset;
-        AddGain(bins);
-        if (user != nullptr) ippsCopy_32f(bins, user, settings.sweepSize);
+        if (user != nullptr) ippsCopy_32f(row->data() + setup.narrowSweepOffset, user, settings.sweepSize);
     }
     if (time != nullptr) *time = static_cast<int64_t>(device.readerGPS.GetLockedIQTime());
     return SweepStatus();
@@ -92,11 +97,8 @@ TqStatus EngineSweepNarrow::SweepStatus() const {
 }
 
 // Keeps reads posted ahead of the commands that feed them, and retires both in order. All counts move by what was asked
-// for, whatever came of a transfer, so that a capture always completes. It can take thousands of reads: on a lost link
-// they don't wait.
+// for, whatever came of a transfer, so that a capture always completes.
 void EngineSweepNarrow::AcquireData() {
-    std::vector<CommandQueue::Link> cmdList;  // commands taken, not yet submitted
-    cmdList.reserve(MAX_CMDS_IN_QUEUE);
     int cmdsInQueue = 0;   // commands taken, not yet retired
     int pktsInQueue = 0;   // packets of taken commands that no read has asked for
     int xfersInQueue = 0;  // reads in flight
@@ -117,9 +119,7 @@ void EngineSweepNarrow::AcquireData() {
                (allTaken && pktsInQueue > 0)) {
             const int pktsToXfer = std::min(pktsInQueue, MAX_PKT_PER_XFER) / PKTS_PER_UNIT * PKTS_PER_UNIT;
             TQ_ASSERT(pktsToXfer > 0);
-            const bool lost = usb.TransferStatus() < tqNoError;
-            usb.BeginDataXfer(xferStartPos, pktsToXfer * PACKET_BYTES,
-                              lost ? LOST_TIMEOUT_MS : USBBulkTransfer::DMA_TIMEOUT);
+            usb.BeginDataXfer(xferStartPos, pktsToXfer * PACKET_BYTES, USBBulkTransfer::DMA_TIMEOUT);
             xferStartPos = (xferStartPos + 1) % USB_XFER_SLOTS;
             xfersInQueue++;
             pktsInQueue -= pktsToXfer;
@@ -136,7 +136,7 @@ void EngineSweepNarrow::AcquireData() {
         const DMAXferStatus status = usb.FinishDataXfer(xferStopPos);
         xferStopPos = (xferStopPos + 1) % USB_XFER_SLOTS;
         xfersInQueue--;
-        AddData(status.p, status.xferLenRequested);
+        AddData(status);
 
         // One read may finish more than one command, or only a part of one.
         int xferred = status.xferLenRequested / PACKET_BYTES;
@@ -154,9 +154,14 @@ void EngineSweepNarrow::AcquireData() {
 }
 
 // Appends the samples of one transfer to preppedIQ. While this works on one, the reads behind it are under way.
-void EngineSweepNarrow::AddData(const uint8_t* p, int xferLenBytes) {
-    const int iqCount = xferLenBytes / static_cast<int>(sizeof(Ipp16sc));
-    DSP::Convert_16sc32fc(reinterpret_cast<const Ipp16sc*>(p), fromDevice.data(), iqCount);
+// One that never began is only counted.
+void EngineSweepNarrow::AddData(const DMAXferStatus& xfer) {
+    const int iqCount = xfer.xferLenRequested / static_cast<int>(sizeof(Ipp16sc));
+    if (!xfer.begun) {
+        preppedIx += iqCount / softwareDecimation;
+        return;
+    }
+    DSP::Convert_16sc32fc(reinterpret_cast<const Ipp16sc*>(xfer.p), fromDevice.data(), iqCount);
     tuner.Tune(fromDevice.data(), fromDevice.data(), iqCount);
 
     // A transfer is a whole number of read units, of which softwareDecimation is a divisor.

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "dsp.h"
 #include "dsp_vector.h"
@@ -16,6 +17,7 @@
 #include "tq_settings.h"
 
 class DeviceInterface;
+struct DMAXferStatus;
 class TqDevice;
 
 class EngineSweepNarrow {
@@ -32,7 +34,7 @@ public:
     EngineSweepNarrow& operator=(const EngineSweepNarrow&) = delete;
 
     // Takes one sweep. Blocks until it stands complete and nothing of it is left on the USB, then delivers it, also
-    // with a failure status. A dead instrument costs up to 2 s for each transfer that is in flight when it dies.
+    // with a failure status. Over a lost link it completes at once, by count: the rows stay as they were.
     //   userMin, userMax  out, sweepSize bins each, [dBm], [mV], or relative to full scale, by the settings' scale
     //   time              out, of the sweep, [ns since the epoch]
     // Null pointers are skipped. Returns the first that applies of: the transfer status, tqFramingErr, tqUncalData,
@@ -41,7 +43,7 @@ public:
 
 private:
     void AcquireData();
-    void AddData(const uint8_t* p, int xferLenBytes);
+    void AddData(const DMAXferStatus& xfer);
     void ReadAux();
     void AddGain(float* bins) const;
     TqStatus SweepStatus() const;
@@ -52,8 +54,9 @@ private:
     const SweepSetup setup;
     const PatchSetup patchInfo;
     TqCommand commands;
-    TqCommand auxCommand;   // one block that fetches a read unit of aux packets
-    CommandQueue cmdQueue;  // blocks of the capture in hand that are still to be sent
+    TqCommand auxCommand;                     // one block that fetches a read unit of aux packets
+    CommandQueue cmdQueue;                    // blocks of the capture in hand that are still to be sent
+    std::vector<CommandQueue::Link> cmdList;  // blocks taken, not yet submitted; never grows
 
     int decimation = 1;          // power of two: hardwareDecimation * softwareDecimation
     int softwareDecimation = 1;  // done here

@@ -33,9 +33,9 @@ int64_t BlocksNeeded(const TqIQSweepListSettings& settings) {
     return blocks;
 }
 
-// Whether the blocks, twice (the plan's and the engine's), and a full line of sweeps can be carried.
+// Whether the blocks can be carried twice, as the plan's and as the engine's.
 bool FitsMachine(int64_t blocks) {
-    constexpr int64_t BLOCK_BYTES = 2 * CMD_SIZE_BYTES + SWEEPS_IN_LINE * int64_t{sizeof(CommandQueue::Link)};
+    constexpr int64_t BLOCK_BYTES = 2 * CMD_SIZE_BYTES;
     return blocks <= MAX_BLOCKS && FitsInMemory(static_cast<double>(blocks * BLOCK_BYTES));
 }
 

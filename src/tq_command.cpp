@@ -145,20 +145,28 @@ void TqCommand::AddWriteFlashPage(uint16_t page, const uint8_t* mem) {
 
 int CommandQueue::Size() {
     Lock guard(lock);
-    return static_cast<int>(q.size());
+    return blocks;
 }
 
 void CommandQueue::AddToQueue(TqCommand& command) {
     Lock guard(lock);
-    for (int i = 0; i < command.GetCommandCount(); i++) {
-        q.push_back({command.GetCommand(i), command.GetXferCount(i) + command.GetAuxPacketCount(i)});
-    }
+    if (command.GetCommandCount() == 0) return;
+    TQ_ASSERT(entries < MAX_COMMANDS);
+    q[static_cast<size_t>((first + entries) % MAX_COMMANDS)] = {&command, 0};
+    ++entries;
+    blocks += command.GetCommandCount();
 }
 
 CommandQueue::Link CommandQueue::GetNextCommand() {
     Lock guard(lock);
-    TQ_ASSERT(q.size() > 0);
-    const Link next = q.front();
-    q.pop_front();
-    return next;
+    TQ_ASSERT(blocks > 0);
+    Entry& front = q[static_cast<size_t>(first)];
+    TqCommand& command = *front.command;
+    const int i = front.next++;
+    --blocks;
+    if (front.next == command.GetCommandCount()) {
+        first = (first + 1) % MAX_COMMANDS;
+        --entries;
+    }
+    return {command.GetCommand(i), command.GetXferCount(i) + command.GetAuxPacketCount(i)};
 }

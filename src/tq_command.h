@@ -8,8 +8,8 @@
 #include "tq_api.h"
 #include "vk_critical_section.h"
 
+#include <array>
 #include <cstdint>
-#include <deque>
 #include <vector>
 
 inline constexpr int CMD_SIZE_WORDS = 512;
@@ -139,9 +139,11 @@ private:
 };
 
 // Blocks ready to send, first in, first out. Each member takes the lock; Size() and GetNextCommand() belong to the one
-// consumer, AddToQueue() to the producer.
+// consumer, AddToQueue() to the producer. Never allocates.
 class CommandQueue {
 public:
+    static constexpr int MAX_COMMANDS = 16;  // of which blocks can wait at once
+
     struct Link {
         uint8_t* cmdMemory;  // the block, inside a TqCommand that outlives the entry and gets no further block
         int num8kPkts;       // I/Q plus aux packets that it requests
@@ -154,6 +156,15 @@ public:
     Link GetNextCommand();
 
 private:
+    // A command of which blocks wait.
+    struct Entry {
+        TqCommand* command = nullptr;
+        int next = 0;  // block
+    };
+
     CriticalSection lock;
-    std::deque<Link> q TQ_GUARDED_BY(lock);
+    std::array<Entry, MAX_COMMANDS> q TQ_GUARDED_BY(lock);  // a ring
+    int first TQ_GUARDED_BY(lock) = 0;                      // entry
+    int entries TQ_GUARDED_BY(lock) = 0;
+    int blocks TQ_GUARDED_BY(lock) = 0;  // that wait
 };

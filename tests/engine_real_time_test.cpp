@@ -303,7 +303,7 @@ TEST_F(EngineRealTimeTest, ACallerWaitsForAFrameAndIsWokenByTheEnd) {
     EXPECT_EQ(waiting.get().count, 0);
 
     waiting = call();
-    engine.reset();
+    engine->End();
     const Frame none = waiting.get();
     EXPECT_EQ(none.status, tqInvalidConfigurationErr);
     EXPECT_EQ(none.max[0], POISON);

@@ -79,7 +79,7 @@ TEST(TqCommandDeathTest, MisuseAsserts) {
     const std::array<Ipp32fc, 31> taps = {};
     command.AddNop(512 - 63);
     EXPECT_DEATH(command.AddFIRCoeffs(taps.data()), "FIR_COEFF_WORDS");
-    EXPECT_DEATH(CommandQueue().GetNextCommand(), "q\\.size\\(\\) > 0");
+    EXPECT_DEATH(CommandQueue().GetNextCommand(), "blocks > 0");
 }
 
 TEST(CommandQueue, HandsBlocksOverInOrderAcrossThreads) {

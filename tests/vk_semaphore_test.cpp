@@ -67,7 +67,9 @@ TEST(SemaphoreManual, HoldsForAllWaitersUntilReset) {
 
 TEST(ThreadedDeque, FrontStaysValidWhileTheFarEndGrows) {
     constexpr int COUNT = 2000;
-    ThreadedDeque<int> deque;
+    ThreadedDeque<int, COUNT> deque;
+    deque.push_back(-1);
+    deque.pop_front();  // so that the ring turns over
     deque.push_back(0);
     int& front = deque.front();
     std::thread producer([&] {
@@ -83,11 +85,13 @@ TEST(ThreadedDeque, FrontStaysValidWhileTheFarEndGrows) {
     }
 }
 
-TEST(ThreadedDequeDeathTest, EmptyDequeHasNoFront) {
+TEST(ThreadedDequeDeathTest, EmptyDequeHasNoFrontAndAFullOneNoRoom) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    ThreadedDeque<int> deque;
-    EXPECT_DEATH(deque.front(), "d\\.size\\(\\) > 0");
-    EXPECT_DEATH(deque.pop_front(), "d\\.size\\(\\) > 0");
+    ThreadedDeque<int, 1> deque;
+    EXPECT_DEATH(deque.front(), "count > 0");
+    EXPECT_DEATH(deque.pop_front(), "count > 0");
+    deque.push_back(1);
+    EXPECT_DEATH(deque.push_back(2), "count < CAPACITY");
 }
 
 }  // namespace
