@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <memory>
@@ -50,9 +51,20 @@ constexpr std::array<StatusText, 20> STATUS_TEXTS = {{
 }};
 static_assert(std::ranges::is_sorted(STATUS_TEXTS, {}, &StatusText::status));
 
-// The open devices, by handle. Plain pointers: an application that ends without closing must not have its instruments
-// shut down behind its back, in the middle of static destruction.
-std::array<TqDevice*, MAX_DEVICES> deviceList{};
+// A place in the table of open devices. A plain pointer: an application that ends without closing must not have its
+// instruments shut down behind its back, in the middle of static destruction.
+struct DevicePlace {
+    std::atomic<TqDevice*> device = nullptr;  // null: no calls
+    std::atomic<int> calls = 0;               // that have looked, and may be inside
+    bool taken = false;                       // by a device, or by one that is being opened or closed; under tableLock
+    int serial = -1;                          // under which it was opened
+};
+
+// The open devices, by handle. tableLock guards `taken` and the serial numbers, and is held for moments only.
+std::array<DevicePlace, MAX_DEVICES> deviceList;
+CriticalSection tableLock;
+std::array<int, MAX_DEVICES + 1> reservedSerials TQ_GUARDED_BY(tableLock);  // and that of the boot family
+std::size_t reservedCount TQ_GUARDED_BY(tableLock) = 0;
 
 template <typename T>
 void SetIfWanted(T* output, T value) {
@@ -64,34 +76,121 @@ bool IsValidDecimation(int decimation) {
     return decimation >= 1 && decimation <= MAX_DECIMATION && std::has_single_bit(static_cast<unsigned>(decimation));
 }
 
-// Lowest free handle, or MAX_DEVICES.
-int GetNextAvailableDeviceHandle() {
-    return static_cast<int>(std::ranges::find(deviceList, nullptr) - deviceList.begin());
+// The lowest free place of the table, for a device to come.
+class NewPlace {
+public:
+    NewPlace() {
+        const Lock held(tableLock);
+        const auto free = std::ranges::find(deviceList, false, &DevicePlace::taken);
+        handle = static_cast<int>(free - deviceList.begin());
+        if (handle < MAX_DEVICES) free->taken = true;
+    }
+    ~NewPlace() {
+        if (handle == MAX_DEVICES || kept) return;
+        const Lock held(tableLock);
+        deviceList[static_cast<size_t>(handle)].taken = false;
+    }
+    NewPlace(const NewPlace&) = delete;
+    NewPlace& operator=(const NewPlace&) = delete;
+
+    bool Found() const { return handle < MAX_DEVICES; }
+    int Keep(std::unique_ptr<TqDevice> device, int serialNumber) {
+        DevicePlace& place = deviceList[static_cast<size_t>(handle)];
+        place.serial = serialNumber;
+        place.device = device.release();
+        kept = true;
+        return handle;
+    }
+
+private:
+    int handle;
+    bool kept = false;
+};
+
+// False: the serial number is taken.
+bool Reserve(int serialNumber) {
+    const Lock held(tableLock);
+    const auto end = reservedSerials.begin() + static_cast<std::ptrdiff_t>(reservedCount);
+    if (end == reservedSerials.end() || std::find(reservedSerials.begin(), end, serialNumber) != end) return false;
+    reservedSerials[reservedCount++] = serialNumber;
+    return true;
 }
 
-TqStatus OpenDevice(int* device, int serialNumber) {
+//   inUse  out, whether the instrument is there and somebody else has it
+TqStatus OpenDevice(int* device, int serialNumber, bool& inUse) {
+    inUse = false;
     DSP::InitIpps();
-    const int handle = GetNextAvailableDeviceHandle();
-    if (handle == MAX_DEVICES) return tqMaxDevicesConnectedErr;
-
-    if (IsBootDevice(serialNumber)) return tqDeviceNotFoundErr;
+    NewPlace place;
+    if (!place.Found()) return tqMaxDevicesConnectedErr;
+    SerialReservation serial(serialNumber);
+    if (!serial.Got()) {
+        inUse = true;
+        return tqDeviceNotFoundErr;
+    }
     auto usb = std::make_unique<DeviceInterface>();
-    TqStatus status = usb->Connect(serialNumber);
+    DeviceInterface& interface = *usb;
+    TqStatus status = interface.Connect(serialNumber);
+    inUse = interface.ownedElsewhere;
     if (status < tqNoError) return status;
 
     auto opened = std::make_unique<TqDevice>(std::move(usb));
     status = opened->InitializeDevice();
     if (status < tqNoError) return status;
 
-    deviceList[static_cast<size_t>(handle)] = opened.release();
-    *device = handle;
+    *device = place.Keep(std::move(opened), serialNumber);
+    serial.Keep();
     return status;
+}
+
+// Takes the device out of the table, so that no further call comes in, does the last things with it, waits for the
+// calls that are inside and closes it.
+template <typename LastThings>
+TqStatus TakeOut(int handle, LastThings&& lastThings) {
+    if (handle < 0 || handle >= MAX_DEVICES) return tqInvalidDeviceErr;
+    DevicePlace& place = deviceList[static_cast<size_t>(handle)];
+    std::unique_ptr<TqDevice> device(place.device.exchange(nullptr));
+    if (device == nullptr) return tqInvalidDeviceErr;
+
+    Guarded([&] {
+        lastThings(*device);
+        return tqNoError;
+    });
+    for (int calls; (calls = place.calls.load()) != 0;) place.calls.wait(calls);
+    device.reset();
+    SerialReservation::GiveBack(place.serial);
+    const Lock held(tableLock);
+    place.taken = false;
+    return tqNoError;
 }
 
 }  // namespace
 
-TqDevice* GetDevice(int device) {
-    return device >= 0 && device < MAX_DEVICES ? deviceList[static_cast<size_t>(device)] : nullptr;
+// A call counts before it looks, and TakeOut looks at the count behind taking the device away: either of the two sees
+// the other.
+DeviceCall::DeviceCall(int handle) : place(handle >= 0 && handle < MAX_DEVICES ? handle : -1) {
+    if (place < 0) return;
+    DevicePlace& entry = deviceList[static_cast<size_t>(place)];
+    ++entry.calls;
+    device = entry.device;
+}
+
+DeviceCall::~DeviceCall() {
+    if (place < 0) return;
+    DevicePlace& entry = deviceList[static_cast<size_t>(place)];
+    if (--entry.calls == 0 && entry.device == nullptr) entry.calls.notify_all();
+}
+
+SerialReservation::SerialReservation(int serialNumber) : serial(serialNumber), got(Reserve(serialNumber)) {}
+
+SerialReservation::~SerialReservation() {
+    if (got && !kept) GiveBack(serial);
+}
+
+void SerialReservation::GiveBack(int serialNumber) {
+    const Lock held(tableLock);
+    const auto end = reservedSerials.begin() + static_cast<std::ptrdiff_t>(reservedCount);
+    const auto entry = std::find(reservedSerials.begin(), end, serialNumber);
+    if (entry != end) *entry = reservedSerials[--reservedCount];
 }
 
 // --- Texts ---
@@ -121,237 +220,225 @@ TqStatus tqOpenDevice(int* device) {
     if (device == nullptr) return tqNullPtrErr;
     std::array<int, MAX_DEVICES> serials;
     int count = MAX_DEVICES;
-    const TqStatus status = tqGetDeviceList(serials.data(), &count);
+    TqStatus status = tqGetDeviceList(serials.data(), &count);
     if (status < tqNoError) return status;
     if (count == 0) return tqDeviceNotFoundErr;
-    return tqOpenDeviceBySerial(device, serials.front());
+    for (int i = 0; i < count; ++i) {
+        bool inUse = false;
+        status = Guarded([&] { return OpenDevice(device, serials[static_cast<size_t>(i)], inUse); });
+        if (!inUse) break;
+    }
+    return status;
 }
 
 TqStatus tqOpenDeviceBySerial(int* device, int serialNumber) {
     if (device == nullptr) return tqNullPtrErr;
-    return Guarded([&] { return OpenDevice(device, serialNumber); });
+    bool inUse = false;
+    return Guarded([&] { return OpenDevice(device, serialNumber, inUse); });
 }
 
 TqStatus tqCloseDevice(int device) {
-    if (GetDevice(device) == nullptr) return tqInvalidDeviceErr;
-    const std::unique_ptr<TqDevice> owner(std::exchange(deviceList[static_cast<size_t>(device)], nullptr));
-    Guarded([&] { return owner->CloseDevice(); });
-    return tqNoError;
+    return TakeOut(device, [](TqDevice& dev) { dev.CloseDevice(); });
 }
 
 TqStatus tqPresetDevice(int device) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    TqStatus status = tqAbort(device);
-    if (status < tqNoError) return status;
-    status = Guarded([&] { return dev->Preset(); });
-    if (status < tqNoError) return status;
-    SystemSleep(PRESET_WAIT_MS);
-    return tqCloseDevice(device);
+    return TakeOut(device, [](TqDevice& dev) {
+        dev.Abort();
+        dev.Preset();
+        SystemSleep(PRESET_WAIT_MS);
+        dev.CloseDevice();
+    });
 }
 
 // --- State of the instrument ---
 
 TqStatus tqSetPowerState(int device, TqPowerState powerState) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(powerState, tqPowerStateStandby)) return tqInvalidParameterErr;
-    return Guarded([&] { return dev->SetPowerState(powerState); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (!InRange(powerState, tqPowerStateStandby)) return tqInvalidParameterErr;
+        return dev.SetPowerState(powerState);
+    });
 }
 
 TqStatus tqGetPowerState(int device, TqPowerState* powerState) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (powerState == nullptr) return tqNullPtrErr;
-    return dev->GetPowerState(*powerState);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (powerState == nullptr) return tqNullPtrErr;
+        return dev.GetPowerState(*powerState);
+    });
 }
 
 TqStatus tqGetSerialNumber(int device, int* serialNumber) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (serialNumber == nullptr) return tqNullPtrErr;
-    *serialNumber = dev->GetSerialNumber();
-    return tqNoError;
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (serialNumber == nullptr) return tqNullPtrErr;
+        *serialNumber = dev.GetSerialNumber();
+        return tqNoError;
+    });
 }
 
 TqStatus tqGetFirmwareVersion(int device, int* major, int* minor, int* rev) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (major == nullptr || minor == nullptr || rev == nullptr) return tqNullPtrErr;
-    const TqVersionInfo versions = dev->GetVersionInfo();
-    *major = versions.bootFx3Version;
-    *minor = versions.runFx3Version;
-    *rev = versions.fpgaVersion;
-    return tqNoError;
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (major == nullptr || minor == nullptr || rev == nullptr) return tqNullPtrErr;
+        const TqVersionInfo versions = dev.GetVersionInfo();
+        *major = versions.bootFx3Version;
+        *minor = versions.runFx3Version;
+        *rev = versions.fpgaVersion;
+        return tqNoError;
+    });
 }
 
 TqStatus tqGetDeviceDiagnostics(int device, float* voltage, float* current, float* temperature) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->GetDeviceDiagnostics(voltage, current, temperature); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.GetDeviceDiagnostics(voltage, current, temperature); });
 }
 
 TqStatus tqGetCalDate(int device, uint32_t* lastCalDate) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (lastCalDate == nullptr) return tqNullPtrErr;
-    return dev->GetCalInfo(*lastCalDate);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (lastCalDate == nullptr) return tqNullPtrErr;
+        return dev.GetCalInfo(*lastCalDate);
+    });
 }
 
 TqStatus tqSetFanSetPoint(int device, float setPoint) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->SetFanSetPoint(setPoint); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.SetFanSetPoint(setPoint); });
 }
 
 TqStatus tqGetFanSettings(int device, float* setPoint, float* voltage) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->GetFanSettings(setPoint, voltage); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.GetFanSettings(setPoint, voltage); });
 }
 
 // --- Reference, ports and UART ---
 
 TqStatus tqSetReference(int device, TqReference reference) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(reference, tqReferenceUseExternal)) return tqInvalidParameterErr;
-    return Guarded([&] { return dev->SetReference(reference); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (!InRange(reference, tqReferenceUseExternal)) return tqInvalidParameterErr;
+        return dev.SetReference(reference);
+    });
 }
 
 TqStatus tqGetReference(int device, TqReference* reference) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (reference == nullptr) return tqNullPtrErr;
-    return dev->GetReference(*reference);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (reference == nullptr) return tqNullPtrErr;
+        return dev.GetReference(*reference);
+    });
 }
 
 TqStatus tqSetGPIOPort(int device, TqGPIOFunction func) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(func, TqGPIOFunctionUARTDoppler)) return tqInvalidParameterErr;
-    return Guarded([&] { return dev->SetGPIOPort(func); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (!InRange(func, TqGPIOFunctionUARTDoppler)) return tqInvalidParameterErr;
+        return dev.SetGPIOPort(func);
+    });
 }
 
 TqStatus tqGetGPIOPort(int device, TqGPIOFunction* func) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (func == nullptr) return tqNullPtrErr;
-    return dev->GetGPIOPort(*func);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (func == nullptr) return tqNullPtrErr;
+        return dev.GetGPIOPort(*func);
+    });
 }
 
 TqStatus tqSetUARTBaudRate(int device, float rate) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->SetUARTBaudRate(rate); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.SetUARTBaudRate(rate); });
 }
 
 TqStatus tqGetUARTBaudRate(int device, float* rate) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (rate == nullptr) return tqNullPtrErr;
-    return dev->GetUARTBaudRate(*rate);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (rate == nullptr) return tqNullPtrErr;
+        return dev.GetUARTBaudRate(*rate);
+    });
 }
 
 TqStatus tqWriteUARTDirect(int device, uint8_t data) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->WriteUARTDirect(data); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.WriteUARTDirect(data); });
 }
 
 // --- GPS ---
 
 TqStatus tqSetGPSTimebaseUpdate(int device, TqBool enabled) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(enabled, tqTrue)) return tqInvalidParameterErr;
-    return Guarded([&] { return dev->SetGPSTimebaseUpdate(enabled); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (!InRange(enabled, tqTrue)) return tqInvalidParameterErr;
+        return dev.SetGPSTimebaseUpdate(enabled);
+    });
 }
 
 TqStatus tqGetGPSTimebaseUpdate(int device, TqBool* enabled) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (enabled == nullptr) return tqNullPtrErr;
-    return dev->GetGPSTimebaseUpdate(*enabled);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (enabled == nullptr) return tqNullPtrErr;
+        return dev.GetGPSTimebaseUpdate(*enabled);
+    });
 }
 
 TqStatus tqGetGPSHoldoverInfo(int device, TqBool* usingGPSHoldover, uint32_t* lastHoldoverTime) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->GetGPSHoldOverInfo(usingGPSHoldover, lastHoldoverTime);
+    return OnSettings(device,
+                      [&](TqDevice& dev) { return dev.GetGPSHoldOverInfo(usingGPSHoldover, lastHoldoverTime); });
 }
 
 TqStatus tqGetGPSState(int device, TqGPSState* GPSState) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (GPSState == nullptr) return tqNullPtrErr;
-    return Guarded([&] { return dev->GetGPSState(*GPSState); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (GPSState == nullptr) return tqNullPtrErr;
+        return dev.GetGPSState(*GPSState);
+    });
 }
 
 TqStatus tqGetGPSInfo(int device, TqBool refresh, TqBool* updated, int64_t* secSinceEpoch, double* latitude,
                       double* longitude, double* altitude, char* nmea, int* nmeaLen) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    TqGPSInfo info;
-    const TqStatus status = Guarded([&] { return dev->GetGPSInfo(refresh, updated, info, nmea, nmeaLen); });
-    SetIfWanted(secSinceEpoch, info.secSinceEpoch);
-    SetIfWanted(latitude, info.latitude);
-    SetIfWanted(longitude, info.longitude);
-    SetIfWanted(altitude, info.altitude);
-    return status;
+    return OnDevice(device, [&](TqDevice& dev) {
+        TqGPSInfo info;
+        const TqStatus status = dev.GetGPSInfo(refresh, updated, info, nmea, nmeaLen);
+        SetIfWanted(secSinceEpoch, info.secSinceEpoch);
+        SetIfWanted(latitude, info.latitude);
+        SetIfWanted(longitude, info.longitude);
+        SetIfWanted(altitude, info.altitude);
+        return status;
+    });
 }
 
 TqStatus tqWriteToGPS(int device, const uint8_t* mem, int len) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (mem == nullptr) return tqNullPtrErr;
-    if (len < 1) return tqInvalidParameterErr;
-    return Guarded([&] { return dev->WriteToGPS({mem, static_cast<size_t>(len)}); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (mem == nullptr) return tqNullPtrErr;
+        if (len < 1) return tqInvalidParameterErr;
+        return dev.WriteToGPS({mem, static_cast<size_t>(len)});
+    });
 }
 
 // --- Level, shared by all modes ---
 
 TqStatus tqSetRefLevel(int device, double refLevel) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (std::isnan(refLevel) || (std::isinf(refLevel) && refLevel < 0.0)) return tqInvalidParameterErr;
-    TqRFSettings config = dev->GetRFConfig();
-    config.refLevel = std::min(refLevel, MAX_REF_LEVEL_DBM);
-    dev->SetRFConfig(config);
-    return config.refLevel == refLevel ? tqNoError : tqSettingClamped;
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (std::isnan(refLevel) || (std::isinf(refLevel) && refLevel < 0.0)) return tqInvalidParameterErr;
+        TqRFSettings config = dev.GetRFConfig();
+        config.refLevel = std::min(refLevel, MAX_REF_LEVEL_DBM);
+        dev.SetRFConfig(config);
+        return config.refLevel == refLevel ? tqNoError : tqSettingClamped;
+    });
 }
 
 TqStatus tqGetRefLevel(int device, double* refLevel) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (refLevel == nullptr) return tqNullPtrErr;
-    *refLevel = dev->GetRFConfig().refLevel;
-    return tqNoError;
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (refLevel == nullptr) return tqNullPtrErr;
+        *refLevel = dev.GetRFConfig().refLevel;
+        return tqNoError;
+    });
 }
 
 TqStatus tqSetAttenuator(int device, int atten) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    TqRFSettings config = dev->GetRFConfig();
-    config.atten = std::clamp(atten, MIN_ATTEN, MAX_ATTEN);
-    dev->SetRFConfig(config);
-    return config.atten == atten ? tqNoError : tqSettingClamped;
+    return OnSettings(device, [&](TqDevice& dev) {
+        TqRFSettings config = dev.GetRFConfig();
+        config.atten = std::clamp(atten, MIN_ATTEN, MAX_ATTEN);
+        dev.SetRFConfig(config);
+        return config.atten == atten ? tqNoError : tqSettingClamped;
+    });
 }
 
 TqStatus tqGetAttenuator(int device, int* atten) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (atten == nullptr) return tqNullPtrErr;
-    *atten = dev->GetRFConfig().atten;
-    return tqNoError;
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (atten == nullptr) return tqNullPtrErr;
+        *atten = dev.GetRFConfig().atten;
+        return tqNoError;
+    });
 }
 
 // --- Sweep settings ---
 
 TqStatus tqSetSweepStartStop(int device, double startFreqHz, double stopFreqHz) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetSweepStartStop(startFreqHz, stopFreqHz);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetSweepStartStop(startFreqHz, stopFreqHz); });
 }
 
 TqStatus tqSetSweepCenterSpan(int device, double centerFreqHz, double spanHz) {
@@ -359,136 +446,122 @@ TqStatus tqSetSweepCenterSpan(int device, double centerFreqHz, double spanHz) {
 }
 
 TqStatus tqSetSweepCoupling(int device, double rbw, double vbw, double sweepTime) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetSweepCoupling(rbw, vbw, sweepTime);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetSweepCoupling(rbw, vbw, sweepTime); });
 }
 
 TqStatus tqSetSweepDetector(int device, TqDetector detector, TqVideoUnits videoUnits) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(detector, tqDetectorMinMax)) return tqInvalidParameterErr;
-    if (!InRange(videoUnits, tqVideoSample)) return tqInvalidParameterErr;
-    return dev->SetSweepDetector(detector, videoUnits);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(detector, tqDetectorMinMax)) return tqInvalidParameterErr;
+        if (!InRange(videoUnits, tqVideoSample)) return tqInvalidParameterErr;
+        return dev.SetSweepDetector(detector, videoUnits);
+    });
 }
 
 TqStatus tqSetSweepScale(int device, TqScale scale) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(scale, tqScaleFullScale)) return tqInvalidParameterErr;
-    return dev->SetSweepScale(scale);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(scale, tqScaleFullScale)) return tqInvalidParameterErr;
+        return dev.SetSweepScale(scale);
+    });
 }
 
 TqStatus tqSetSweepWindow(int device, TqWindowType window) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(window, tqWindowRect)) return tqInvalidParameterErr;
-    return dev->SetSweepWindow(window);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(window, tqWindowRect)) return tqInvalidParameterErr;
+        return dev.SetSweepWindow(window);
+    });
 }
 
 TqStatus tqSetSweepGPIOSwitching(int device, double* freqs, uint8_t* data, int count) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (count < 1) return dev->SetSweepGPIOSwitchingDisabled();
-    if (freqs == nullptr || data == nullptr) return tqNullPtrErr;
-    const auto entries = static_cast<size_t>(count);
-    return Guarded([&] { return dev->SetSweepGPIOSwitching({freqs, entries}, {data, entries}); });
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (count < 1) return dev.SetSweepGPIOSwitchingDisabled();
+        if (freqs == nullptr || data == nullptr) return tqNullPtrErr;
+        const auto entries = static_cast<size_t>(count);
+        return dev.SetSweepGPIOSwitching({freqs, entries}, {data, entries});
+    });
 }
 
 TqStatus tqSetSweepGPIOSwitchingDisabled(int device) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetSweepGPIOSwitchingDisabled();
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetSweepGPIOSwitchingDisabled(); });
 }
 
 // --- Real-time settings ---
 
 TqStatus tqSetRealTimeCenterSpan(int device, double centerFreqHz, double spanHz) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetRealTimeCenterSpan(centerFreqHz, spanHz);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetRealTimeCenterSpan(centerFreqHz, spanHz); });
 }
 
 TqStatus tqSetRealTimeRBW(int device, double rbw) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetRealTimeRBW(rbw);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetRealTimeRBW(rbw); });
 }
 
 TqStatus tqSetRealTimeDetector(int device, TqDetector detector) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(detector, tqDetectorMinMax)) return tqInvalidParameterErr;
-    return dev->SetRealTimeDetector(detector);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(detector, tqDetectorMinMax)) return tqInvalidParameterErr;
+        return dev.SetRealTimeDetector(detector);
+    });
 }
 
 TqStatus tqSetRealTimeScale(int device, TqScale scale, double frameRef, double frameScale) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(scale, tqScaleFullScale)) return tqInvalidParameterErr;
-    return dev->SetRealTimeScale(scale, frameRef, frameScale);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(scale, tqScaleFullScale)) return tqInvalidParameterErr;
+        return dev.SetRealTimeScale(scale, frameRef, frameScale);
+    });
 }
 
 TqStatus tqSetRealTimeWindow(int device, TqWindowType window) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(window, tqWindowRect)) return tqInvalidParameterErr;
-    return dev->SetRealTimeWindow(window);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(window, tqWindowRect)) return tqInvalidParameterErr;
+        return dev.SetRealTimeWindow(window);
+    });
 }
 
 // --- I/Q settings ---
 
 TqStatus tqSetIQDataType(int device, TqDataType dataType) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(dataType, tqDataType16sc)) return tqInvalidParameterErr;
-    return dev->SetIQDataType(dataType);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(dataType, tqDataType16sc)) return tqInvalidParameterErr;
+        return dev.SetIQDataType(dataType);
+    });
 }
 
 TqStatus tqSetIQCenterFreq(int device, double centerFreqHz) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetIQCenterFreq(centerFreqHz);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQCenterFreq(centerFreqHz); });
 }
 
 TqStatus tqGetIQCenterFreq(int device, double* centerFreqHz) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (centerFreqHz == nullptr) return tqNullPtrErr;
-    return dev->GetIQCenterFreq(*centerFreqHz);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (centerFreqHz == nullptr) return tqNullPtrErr;
+        return dev.GetIQCenterFreq(*centerFreqHz);
+    });
 }
 
 TqStatus tqSetIQSampleRate(int device, int decimation) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!IsValidDecimation(decimation)) return tqInvalidParameterErr;
-    return dev->SetIQSampleRate(decimation);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!IsValidDecimation(decimation)) return tqInvalidParameterErr;
+        return dev.SetIQSampleRate(decimation);
+    });
 }
 
 TqStatus tqSetIQSoftwareFilter(int device, TqBool enabled) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(enabled, tqTrue)) return tqInvalidParameterErr;
-    return dev->SetIQSoftwareFilter(enabled);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(enabled, tqTrue)) return tqInvalidParameterErr;
+        return dev.SetIQSoftwareFilter(enabled);
+    });
 }
 
 TqStatus tqSetIQBandwidth(int device, double bandwidth) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetIQBandwidth(bandwidth);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQBandwidth(bandwidth); });
 }
 
 TqStatus tqSetIQExtTriggerEdge(int device, TqTriggerEdge edge) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(edge, tqTriggerEdgeFalling)) return tqInvalidParameterErr;
-    return dev->SetIQExtTriggerEdge(edge);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(edge, tqTriggerEdgeFalling)) return tqInvalidParameterErr;
+        return dev.SetIQExtTriggerEdge(edge);
+    });
 }
 
 TqStatus tqSetIQQueueSize(int device, int units) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetIQQueueSize(units);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQQueueSize(units); });
 }
 
 TqStatus tqSetIQTriggerSentinel(double sentinelValue) {
@@ -499,213 +572,176 @@ TqStatus tqSetIQTriggerSentinel(double sentinelValue) {
 // --- I/Q sweep list settings ---
 
 TqStatus tqSetIQSweepListDataType(int device, TqDataType dataType) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(dataType, tqDataType16sc)) return tqInvalidParameterErr;
-    return dev->SetIQSweepListDataType(dataType);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(dataType, tqDataType16sc)) return tqInvalidParameterErr;
+        return dev.SetIQSweepListDataType(dataType);
+    });
 }
 
 TqStatus tqSetIQSweepListCorrected(int device, TqBool corrected) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(corrected, tqTrue)) return tqInvalidParameterErr;
-    return dev->SetIQSweepListCorrected(corrected);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(corrected, tqTrue)) return tqInvalidParameterErr;
+        return dev.SetIQSweepListCorrected(corrected);
+    });
 }
 
 TqStatus tqSetIQSweepListSteps(int device, int steps) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->SetIQSweepListSteps(steps); });
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQSweepListSteps(steps); });
 }
 
 TqStatus tqGetIQSweepListSteps(int device, int* steps) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (steps == nullptr) return tqNullPtrErr;
-    return dev->GetIQSweepListSteps(*steps);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (steps == nullptr) return tqNullPtrErr;
+        return dev.GetIQSweepListSteps(*steps);
+    });
 }
 
 TqStatus tqSetIQSweepListFreq(int device, int step, double freq) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetIQSweepListFreq(step, freq);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQSweepListFreq(step, freq); });
 }
 
 TqStatus tqSetIQSweepListRef(int device, int step, double level) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetIQSweepListRef(step, level);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQSweepListRef(step, level); });
 }
 
 TqStatus tqSetIQSweepListAtten(int device, int step, int atten) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetIQSweepListAtten(step, atten);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQSweepListAtten(step, atten); });
 }
 
 TqStatus tqSetIQSweepListSampleCount(int device, int step, uint32_t samples) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetIQSweepListSampleCount(step, samples);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetIQSweepListSampleCount(step, samples); });
 }
 
 // --- Audio settings ---
 
 TqStatus tqSetAudioCenterFreq(int device, double centerFreqHz) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetAudioCenterFreq(centerFreqHz);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetAudioCenterFreq(centerFreqHz); });
 }
 
 TqStatus tqSetAudioType(int device, TqAudioType audioType) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(audioType, tqAudioTypeCW)) return tqInvalidParameterErr;
-    return dev->SetAudioType(audioType);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(audioType, tqAudioTypeCW)) return tqInvalidParameterErr;
+        return dev.SetAudioType(audioType);
+    });
 }
 
 TqStatus tqSetAudioFilters(int device, double ifBandwidth, double audioLpf, double audioHpf) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetAudioFilters(ifBandwidth, audioLpf, audioHpf);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetAudioFilters(ifBandwidth, audioLpf, audioHpf); });
 }
 
 TqStatus tqSetAudioFMDeemphasis(int device, double deemphasis) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->SetAudioFMDeemphasis(deemphasis);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.SetAudioFMDeemphasis(deemphasis); });
 }
 
 // --- Mode control ---
 
 TqStatus tqConfigure(int device, TqMode mode) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(mode, tqModeAudio) && static_cast<int>(mode) != tqModeIQFullBand) return tqInvalidParameterErr;
-    return Guarded([&] { return dev->Configure(mode); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (!InRange(mode, tqModeAudio) && static_cast<int>(mode) != tqModeIQFullBand) return tqInvalidParameterErr;
+        return dev.Configure(mode);
+    });
 }
 
 TqStatus tqGetCurrentMode(int device, TqMode* mode) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (mode == nullptr) return tqNullPtrErr;
-    return dev->GetCurrentMode(*mode);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (mode == nullptr) return tqNullPtrErr;
+        return dev.GetCurrentMode(*mode);
+    });
 }
 
 TqStatus tqAbort(int device) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->Abort(); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.Abort(); });
 }
 
 // --- Parameters of the running mode ---
 
 TqStatus tqGetSweepParameters(int device, double* actualRBW, double* actualVBW, double* actualStartFreq,
                               double* binSize, int* sweepSize) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    TqSweepSettings settings;
-    const TqStatus status = dev->GetSweepSettings(settings);
-    if (status < tqNoError) return status;
-    SetIfWanted(actualRBW, settings.actualRbw);
-    SetIfWanted(actualVBW, settings.actualVbw);
-    SetIfWanted(actualStartFreq, settings.firstBinFreq);
-    SetIfWanted(binSize, settings.binSize);
-    SetIfWanted(sweepSize, settings.sweepSize);
-    return tqNoError;
+    return OnSettings(device, [&](TqDevice& dev) {
+        TqSweepSettings settings;
+        const TqStatus status = dev.GetSweepSettings(settings);
+        if (status < tqNoError) return status;
+        SetIfWanted(actualRBW, settings.actualRbw);
+        SetIfWanted(actualVBW, settings.actualVbw);
+        SetIfWanted(actualStartFreq, settings.firstBinFreq);
+        SetIfWanted(binSize, settings.binSize);
+        SetIfWanted(sweepSize, settings.sweepSize);
+        return tqNoError;
+    });
 }
 
 TqStatus tqGetRealTimeParameters(int device, double* actualRBW, int* sweepSize, double* actualStartFreq,
                                  double* binSize, int* frameWidth, int* frameHeight, double* poi) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    TqRealTimeSettings settings;
-    const TqStatus status = dev->GetRealTimeSettings(settings);
-    if (status < tqNoError) return status;
-    SetIfWanted(actualRBW, settings.actualRBW);
-    SetIfWanted(sweepSize, settings.sweepSize);
-    SetIfWanted(actualStartFreq, settings.firstBinFreq);
-    SetIfWanted(binSize, settings.binSize);
-    SetIfWanted(frameWidth, settings.frameWidth);
-    SetIfWanted(frameHeight, settings.frameHeight);
-    SetIfWanted(poi, settings.poi);
-    return tqNoError;
+    return OnSettings(device, [&](TqDevice& dev) {
+        TqRealTimeSettings settings;
+        const TqStatus status = dev.GetRealTimeSettings(settings);
+        if (status < tqNoError) return status;
+        SetIfWanted(actualRBW, settings.actualRBW);
+        SetIfWanted(sweepSize, settings.sweepSize);
+        SetIfWanted(actualStartFreq, settings.firstBinFreq);
+        SetIfWanted(binSize, settings.binSize);
+        SetIfWanted(frameWidth, settings.frameWidth);
+        SetIfWanted(frameHeight, settings.frameHeight);
+        SetIfWanted(poi, settings.poi);
+        return tqNoError;
+    });
 }
 
 TqStatus tqGetIQParameters(int device, double* sampleRate, double* bandwidth) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->GetIQParameters(sampleRate, bandwidth);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.GetIQParameters(sampleRate, bandwidth); });
 }
 
 TqStatus tqGetIQCorrection(int device, float* scale) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (scale == nullptr) return tqNullPtrErr;
-    return dev->GetIQCorrection(*scale);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (scale == nullptr) return tqNullPtrErr;
+        return dev.GetIQCorrection(*scale);
+    });
 }
 
 TqStatus tqIQSweepListGetCorrections(int device, float* corrections) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (corrections == nullptr) return tqNullPtrErr;
-    return dev->IQSweepListGetCorrections(corrections);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (corrections == nullptr) return tqNullPtrErr;
+        return dev.IQSweepListGetCorrections(corrections);
+    });
 }
 
 // --- Data ---
 
 TqStatus tqGetSweep(int device, float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->GetSweep(sweepMin, sweepMax, nsSinceEpoch); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.GetSweep(sweepMin, sweepMax, nsSinceEpoch); });
 }
 
 TqStatus tqGetRealTimeFrame(int device, float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax,
                             int* frameCount, int64_t* nsSinceEpoch) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    int count = 0;
-    int64_t time = 0;
-    const TqStatus status =
-        Guarded([&] { return dev->GetRealTimeFrame(colorFrame, alphaFrame, sweepMin, sweepMax, count, time); });
-    SetIfWanted(frameCount, count);
-    SetIfWanted(nsSinceEpoch, time);
-    return status;
+    return OnDevice(device, [&](TqDevice& dev) {
+        return dev.GetRealTimeFrame(colorFrame, alphaFrame, sweepMin, sweepMax, frameCount, nsSinceEpoch);
+    });
 }
 
 TqStatus tqGetIQ(int device, void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
                  TqBool purge, int* sampleLoss, int* samplesRemaining) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (iqBuf == nullptr) return tqNullPtrErr;
-    if (iqBufSize < 1) return tqInvalidParameterErr;
-    return Guarded([&] {
-        return dev->GetIQ(iqBuf, iqBufSize, triggers, triggerBufSize, nsSinceEpoch, purge, sampleLoss,
-                          samplesRemaining);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (iqBuf == nullptr) return tqNullPtrErr;
+        if (iqBufSize < 1) return tqInvalidParameterErr;
+        return dev.GetIQ(iqBuf, iqBufSize, triggers, triggerBufSize, nsSinceEpoch, purge, sampleLoss, samplesRemaining);
     });
 }
 
 TqStatus tqIQSweepListGetSweep(int device, void* dst, int64_t* timestamps) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->IQSweepListGetSweep(dst, timestamps); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.IQSweepListGetSweep(dst, timestamps); });
 }
 
 TqStatus tqIQSweepListStartSweep(int device, int pos, void* dst, int64_t* timestamps) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->IQSweepListBeginSweep(pos, dst, timestamps); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.IQSweepListBeginSweep(pos, dst, timestamps); });
 }
 
 TqStatus tqIQSweepListFinishSweep(int device, int pos) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->IQSweepListFinishSweep(pos); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.IQSweepListFinishSweep(pos); });
 }
 
 TqStatus tqGetAudio(int device, float* audio) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (audio == nullptr) return tqNullPtrErr;
-    return Guarded([&] { return dev->GetAudio(audio); });
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (audio == nullptr) return tqNullPtrErr;
+        return dev.GetAudio(audio);
+    });
 }

@@ -20,6 +20,7 @@ static_assert(TQ_FLASH_PAGE_BYTES == FLASH_PAGE_BYTES && TQ_FLASH_READ_BYTES == 
 
 // The instrument that is open in its boot program. A plain pointer, for the reason of the table of open devices.
 DeviceInterface* bootDevice = nullptr;
+int bootSerial = -1;  // reserved for it
 
 // What stands in front of all that works on the boot device.
 TqStatus CheckBootHandle(int device) {
@@ -44,7 +45,8 @@ TqStatus OpenBootDevice(OwnedDeviceHandle handle, int* bootHandle) {
 
 // The program of the instrument must not have been brought down under an owner in this process.
 TqStatus OpenBootDeviceBySerial(int* bootHandle, int serialNumber) {
-    if (ManageDevices::IsOpen(serialNumber)) return tqDeviceNotFoundErr;
+    SerialReservation serial(serialNumber);
+    if (!serial.Got()) return tqDeviceNotFoundErr;
     OwnedDeviceHandle handle(GetUSBDeviceHandleBySerial(serialNumber));
     if (handle == nullptr) return tqDeviceNotFoundErr;
     if (IsUSBRunDevice(handle.get())) {
@@ -54,7 +56,11 @@ TqStatus OpenBootDeviceBySerial(int* bootHandle, int serialNumber) {
         handle.reset(GetUSBDeviceHandleBySerial(serialNumber));
     }
     if (!IsUSBBootDevice(handle.get())) return tqDeviceNotFoundErr;
-    return OpenBootDevice(std::move(handle), bootHandle);
+    const TqStatus status = OpenBootDevice(std::move(handle), bootHandle);
+    if (status != tqNoError) return status;
+    serial.Keep();
+    bootSerial = serialNumber;
+    return tqNoError;
 }
 
 // A firmware image from its file with the serial number in it. Empty: it must not be written. One with a wrong checksum
@@ -68,76 +74,64 @@ std::vector<uint8_t> ImageWithSerial(const char* fileName, int serialNumber) {
 
 }  // namespace
 
-bool IsBootDevice(int serialNumber) { return bootDevice != nullptr && bootDevice->SerialNumber() == serialNumber; }
-
 // --- Calibrating an open instrument ---
 
 TqStatus tqAdminGetTempRange(int device, TqTempRange* tempRange) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (tempRange == nullptr) return tqNullPtrErr;
-    return dev->corrections.GetDeviceTempRange(*tempRange);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (tempRange == nullptr) return tqNullPtrErr;
+        return dev.corrections.GetDeviceTempRange(*tempRange);
+    });
 }
 
 TqStatus tqAdminHasDithering(int device, bool& hasDithering) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    hasDithering = dev->HasDithering();
-    return tqNoError;
+    return OnDevice(device, [&](TqDevice& dev) {
+        hasDithering = dev.HasDithering();
+        return tqNoError;
+    });
 }
 
 TqStatus tqAdminSetCorrectionMode(int device, TqCorrectionMode newCorrectionMode) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (!InRange(newCorrectionMode, tqCorrectionModeCal)) return tqInvalidParameterErr;
-    return dev->corrections.SetCorrectionMode(newCorrectionMode);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (!InRange(newCorrectionMode, tqCorrectionModeCal)) return tqInvalidParameterErr;
+        return dev.corrections.SetCorrectionMode(newCorrectionMode);
+    });
 }
 
 TqStatus tqAdminSetCorrectionIndex(int device, int newCalIndex) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return dev->corrections.SetCorrectionIndex(newCalIndex);
+    return OnSettings(device, [&](TqDevice& dev) { return dev.corrections.SetCorrectionIndex(newCalIndex); });
 }
 
 TqStatus tqAdminManualLoadCorrections(int device, const TQ720CalData* calData) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (calData == nullptr) return tqNullPtrErr;
-    return dev->corrections.LoadCorrections(calData);
+    return OnSettings(device, [&](TqDevice& dev) {
+        if (calData == nullptr) return tqNullPtrErr;
+        return dev.corrections.LoadCorrections(calData);
+    });
 }
 
 TqStatus tqAdminDeviceHasCorrections(int device, bool* hasCorrections) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (hasCorrections == nullptr) return tqNullPtrErr;
-    *hasCorrections = rvCalDoesCorrectionsExist(dev->usb->CalData());
-    return tqNoError;
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (hasCorrections == nullptr) return tqNullPtrErr;
+        *hasCorrections = rvCalDoesCorrectionsExist(dev.usb->CalData());
+        return tqNoError;
+    });
 }
 
 TqStatus tqAdminGetCoarseTuneVal(int device, uint16_t* ticks) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (ticks == nullptr) return tqNullPtrErr;
-    return dev->GetCoarseTuneVal(ticks);
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (ticks == nullptr) return tqNullPtrErr;
+        return dev.GetCoarseTuneVal(ticks);
+    });
 }
 
 TqStatus tqAdminSetCoarseTuneVal(int device, uint16_t ticks) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    return Guarded([&] { return dev->SetCoarseTuneVal(ticks); });
+    return OnDevice(device, [&](TqDevice& dev) { return dev.SetCoarseTuneVal(ticks); });
 }
 
 TqStatus tqAdminGetFullBandIQ(int device, double LOFreq, float* dst) {
-    TqDevice* const dev = GetDevice(device);
-    if (dev == nullptr) return tqInvalidDeviceErr;
-    if (dst == nullptr) return tqNullPtrErr;
-    TqStatus status = dev->SetIQFullBandLO(LOFreq);
-    if (status < tqNoError) return status;
-    status = Guarded([&] { return dev->Configure(static_cast<TqMode>(tqModeIQFullBand)); });
-    if (status < tqNoError) return status;
-    status = Guarded([&] { return dev->GetIQFullBand(dst); });
-    tqAbort(device);
-    return status;
+    return OnDevice(device, [&](TqDevice& dev) {
+        if (dst == nullptr) return tqNullPtrErr;
+        return dev.CaptureFullBand(LOFreq, dst);
+    });
 }
 
 // --- Boot program ---
@@ -159,9 +153,7 @@ TqStatus tqBootOpenDevice(int* bootHandle) {
         ResetAllRunProgramDevices();
         const std::vector<TQBootState> devices = GetAllDevices();
         if (devices.empty() || devices.front().isRunProgram) return tqDeviceNotFoundErr;
-        OwnedDeviceHandle handle(GetUSBDeviceHandleBySerial(devices.front().serialNumber));
-        if (handle == nullptr) return tqDeviceNotFoundErr;
-        return OpenBootDevice(std::move(handle), bootHandle);
+        return OpenBootDeviceBySerial(bootHandle, devices.front().serialNumber);
     });
 }
 
@@ -175,6 +167,7 @@ TqStatus tqBootCloseDevice(int bootHandle) {
     if (bootDevice == nullptr || bootHandle != BOOT_HANDLE) return tqInvalidDeviceErr;
     const std::unique_ptr<DeviceInterface> owner(std::exchange(bootDevice, nullptr));
     owner->PresetDevice();
+    SerialReservation::GiveBack(bootSerial);
     return tqNoError;
 }
 

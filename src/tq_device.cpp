@@ -102,38 +102,46 @@ TqStatus TqDevice::InitializeDevice() {
     reference.AddSetReference(referenceState == tqReferenceUseExternal);
     SendDirect(reference);
     SendGPSDOCommand();
-    SetCoarseTuneVal(lastCoarseTuneNormalized);
+    WriteTimebase(lastCoarseTuneNormalized);
     UpdateAuxData();
     return usb->checkSumInvalid ? tqInvalidCalData : tqNoError;
 }
 
 TqStatus TqDevice::CloseDevice() {
-    Abort();
-    SetPowerState(tqPowerStateStandby);
+    const Ending ending(*this);
+    closed = true;
+    DestroyEngines();
+    Switch(tqPowerStateStandby);
     return tqNoError;
 }
 
 TqStatus TqDevice::Abort() {
+    const Ending ending(*this);
     DestroyEngines();
-    ClearLowFreqCurve();
     return tqNoError;
 }
 
 TqStatus TqDevice::Preset() {
+    const Ending ending(*this);
     usb->PresetDevice();
     return tqNoError;
 }
 
 TqStatus TqDevice::Configure(TqMode mode) {
-    Abort();
+    const Ending ending(*this);
+    return ConfigureAlone(mode);
+}
 
-    TqStatus status = SetPowerState(tqPowerStateOn);
+// Configure, for who has ended all others.
+TqStatus TqDevice::ConfigureAlone(TqMode mode) {
+    DestroyEngines();
+    TqStatus status = Switch(tqPowerStateOn);
     if (status != tqNoError) return status;
 
     // Everything that is planned from here on belongs to one temperature, and drift warnings count from it.
-    float currentTemp = 0.0f;
-    GetDeviceDiagnostics(nullptr, nullptr, &currentTemp);
-    corrections.SetCurrentTemp(currentTemp);
+    if (AuxDataIsDue()) UpdateAuxData();
+    const Lock settingsHeld(settingsLock);
+    corrections.SetCurrentTemp(readerStatus.DeviceTemp());
     readerStatus.Reconfigure();
     readerTrigger.Reset();
 
@@ -146,7 +154,7 @@ TqStatus TqDevice::Configure(TqMode mode) {
         status = tqAllocationErr;
     }
     if (status < tqNoError) {
-        Abort();
+        DestroyEngines();
     } else {
         currentMode = mode;
     }
@@ -267,6 +275,15 @@ void TqDevice::DestroyEngines() {
     engineIQSweepList.reset();
     engineIQFullBand.reset();
     currentMode = tqModeIdle;
+    ClearLowFreqCurve();
+}
+
+// Makes the engine let go of who waits for its data. A sweep goes on to its end.
+void TqDevice::SendHome() {
+    if (engineIQ != nullptr) engineIQ->End();
+    if (engineAudio != nullptr) engineAudio->End();
+    if (engineRealTime != nullptr) engineRealTime->End();
+    if (engineIQSweepList != nullptr) engineIQSweepList->End();
 }
 
 void TqDevice::ClearLowFreqCurve() {
@@ -279,23 +296,52 @@ TqStatus TqDevice::GetCurrentMode(TqMode& mode) const {
     return tqNoError;
 }
 
-bool TqDevice::CanSendCommand() const {
+bool TqDevice::Streams() const {
     const TqMode mode = currentMode;
-    if (engineIQSweepList != nullptr && engineIQSweepList->AnySweepActive()) return false;
-    return mode != tqModeRealTime && mode != tqModeIQStreaming && mode != tqModeAudio;
+    return mode == tqModeRealTime || mode == tqModeIQStreaming || mode == tqModeAudio;
+}
+
+bool TqDevice::CanSendCommand() const {
+    return !Streams() && (engineIQSweepList == nullptr || !engineIQSweepList->AnySweepActive());
+}
+
+// Runs call() in its turn, unless the mode is being ended.
+template <class Call>
+TqStatus TqDevice::DataCall(Call&& call) {
+    const Callers::Turn turn(callers);
+    if (closed) return tqInvalidDeviceErr;
+    return callers.AreBeingEnded() ? tqInvalidConfigurationErr : call();
+}
+
+// Runs send() in its turn, if that is allowed then. Beside a stream the answer is known at once.
+template <class Send>
+TqStatus TqDevice::Command(bool (TqDevice::*allowed)() const, Send&& send) {
+    if (Streams()) return tqInvalidConfigurationErr;
+    const Callers::Turn turn(callers);
+    if (closed) return tqInvalidDeviceErr;
+    return (this->*allowed)() ? send() : tqInvalidConfigurationErr;
 }
 
 TqStatus TqDevice::SetPowerState(TqPowerState state) {
     if (state == powerState) return tqNoError;
-    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+    return Command(&TqDevice::CanSendCommand, [&] { return Switch(state); });
+}
 
+// To standby these are the last words: over a lost link, too, they may be heard.
+TqStatus TqDevice::Switch(TqPowerState state) {
+    if (state == powerState) return tqNoError;
     const bool on = state == tqPowerStateOn;
     std::array<uint32_t, TQ720_CONFIG_MAX_WORDS> words;
     TqCommand command;
     command.StartNewCommand();
     command.AddWords(words.data(), on ? deviceConfig.ReInitialize(words.data()) : deviceConfig.PowerDown(words.data()));
-    SendDirect(command);
-    if (on) SystemSleep(POWER_UP_MS);
+    if (on) {
+        SendDirect(command);
+        SystemSleep(POWER_UP_MS);
+    } else {
+        const DeviceInterface::LastWords lastWords(*usb);
+        SendDirect(command);
+    }
     powerState = state;
     return usb->TransferStatus();
 }
@@ -357,12 +403,18 @@ void TqDevice::UpdateAuxData(const AuxData* aux) {
     StoreGPSCorrection(usb->SerialNumber(), learned);
 }
 
-bool TqDevice::AuxDataIsDue() const {
-    return CanSendCommand() && GetSystemTicks() - lastAuxUpdate > MAX_AUX_UPDATE_RATE_MS;
+bool TqDevice::AuxDataIsDue() const { return GetSystemTicks() - lastAuxUpdate > MAX_AUX_UPDATE_RATE_MS; }
+
+// Fetches an aux packet, if the last one is old or `always`, unless the endpoints are in use. What became of the fetch;
+// tqNoError without one.
+TqStatus TqDevice::Refresh(bool always) {
+    const Callers::TurnIfFree turn(callers);
+    if (!turn || closed || !CanSendCommand() || !(always || AuxDataIsDue())) return tqNoError;
+    return UpdateAuxData();
 }
 
 TqStatus TqDevice::GetDeviceDiagnostics(float* voltage, float* current, float* temperature) {
-    if (AuxDataIsDue()) UpdateAuxData();
+    Refresh(false);
     if (voltage != nullptr) *voltage = readerStatus.DeviceVoltage();
     if (current != nullptr) *current = readerStatus.DeviceCurrent();
     if (temperature != nullptr) *temperature = readerStatus.DeviceTemp();
@@ -370,11 +422,7 @@ TqStatus TqDevice::GetDeviceDiagnostics(float* voltage, float* current, float* t
 }
 
 TqStatus TqDevice::GetGPSState(TqGPSState& state) {
-    TqStatus status = tqNoError;
-    if (AuxDataIsDue()) {
-        UpdateAuxData();
-        status = usb->TransferStatus();
-    }
+    const TqStatus status = Refresh(false);
     state = tqGPSStateNotPresent;
     if (readerGPS.IsGPSDataValid()) state = tqGPSStateLocked;
     if (readerGPS.IsGPSDataValidAndDisciplined()) state = tqGPSStateDisciplined;
@@ -382,16 +430,14 @@ TqStatus TqDevice::GetGPSState(TqGPSState& state) {
 }
 
 TqStatus TqDevice::GetGPSInfo(TqBool refresh, TqBool* updated, TqGPSInfo& info, char* nmea, int* nmeaLen) {
-    if (refresh == tqTrue && CanSendCommand()) UpdateAuxData();
+    if (refresh == tqTrue) Refresh(true);
     const TqStatus status = readerGPS.Query(updated, &info, nmea, nmeaLen);
     return status != tqNoError ? status : usb->TransferStatus();
 }
 
 TqStatus TqDevice::GetFanSettings(float* setPoint, float* voltage) {
-    if (CanSendCommand()) {
-        const TqStatus status = UpdateAuxData();
-        if (status != tqNoError) return status;
-    }
+    const TqStatus status = Refresh(true);
+    if (status != tqNoError) return status;
     if (setPoint != nullptr) *setPoint = readerStatus.FanThreshold();
     if (voltage != nullptr) *voltage = readerStatus.FanVoltage();
     return tqNoError;
@@ -418,30 +464,30 @@ TqStatus TqDevice::SendDirect(TqCommand& command) {
 }
 
 TqStatus TqDevice::SetGPIOPort(TqGPIOFunction func) {
-    if (!IsIdle()) return tqInvalidConfigurationErr;
-
-    gpioFunction = func;
-    TqCommand command;
-    command.StartNewCommand();
-    switch (func) {
-        case TqGPIOFunctionTrigIn:  // the I/Q plan sets the edge when it needs the trigger
-        case TqGPIOFunctionUARTDoppler:
-            return usb->TransferStatus();
-        case TqGPIOFunctionPPSOut:
-            command.AddSetPPSOut();
-            break;
-        case TqGPIOFunctionLogicOutLow:
-            command.AddSetLogicLowOut();
-            break;
-        case TqGPIOFunctionLogicOutHigh:
-            command.AddSetLogicHighOut();
-            break;
-        case TqGPIOFunctionUARTDirect:
-        case TqGPIOFunctionUARTSweep:
-            command.AddConfigureUARTDirect(UARTDivider);
-            break;
-    }
-    return SendDirect(command);
+    return Command(&TqDevice::IsIdle, [&] {
+        gpioFunction = func;
+        TqCommand command;
+        command.StartNewCommand();
+        switch (func) {
+            case TqGPIOFunctionTrigIn:  // the I/Q plan sets the edge when it needs the trigger
+            case TqGPIOFunctionUARTDoppler:
+                return usb->TransferStatus();
+            case TqGPIOFunctionPPSOut:
+                command.AddSetPPSOut();
+                break;
+            case TqGPIOFunctionLogicOutLow:
+                command.AddSetLogicLowOut();
+                break;
+            case TqGPIOFunctionLogicOutHigh:
+                command.AddSetLogicHighOut();
+                break;
+            case TqGPIOFunctionUARTDirect:
+            case TqGPIOFunctionUARTSweep:
+                command.AddConfigureUARTDirect(UARTDivider);
+                break;
+        }
+        return SendDirect(command);
+    });
 }
 
 TqStatus TqDevice::GetGPIOPort(TqGPIOFunction& func) const {
@@ -451,16 +497,16 @@ TqStatus TqDevice::GetGPIOPort(TqGPIOFunction& func) const {
 
 TqStatus TqDevice::SetUARTBaudRate(float rate) {
     if (std::isnan(rate)) return tqInvalidParameterErr;
-    if (!IsIdle()) return tqInvalidConfigurationErr;
-
-    UARTDivider = std::clamp(DSP::RoundToInt(BASE_BAUD_RATE / double{rate}), 1, MAX_UART_DIVIDER);
-    if (gpioFunction != TqGPIOFunctionUARTDirect && gpioFunction != TqGPIOFunctionUARTSweep) {
-        return usb->TransferStatus();
-    }
-    TqCommand command;
-    command.StartNewCommand();
-    command.AddConfigureUARTDirect(UARTDivider);
-    return SendDirect(command);
+    return Command(&TqDevice::IsIdle, [&] {
+        UARTDivider = std::clamp(DSP::RoundToInt(BASE_BAUD_RATE / double{rate}), 1, MAX_UART_DIVIDER);
+        if (gpioFunction != TqGPIOFunctionUARTDirect && gpioFunction != TqGPIOFunctionUARTSweep) {
+            return usb->TransferStatus();
+        }
+        TqCommand command;
+        command.StartNewCommand();
+        command.AddConfigureUARTDirect(UARTDivider);
+        return SendDirect(command);
+    });
 }
 
 TqStatus TqDevice::GetUARTBaudRate(float& rate) const {
@@ -469,27 +515,29 @@ TqStatus TqDevice::GetUARTBaudRate(float& rate) const {
 }
 
 TqStatus TqDevice::WriteUARTDirect(uint8_t data) {
-    if (!CanSendCommand() || gpioFunction != TqGPIOFunctionUARTDirect) return tqInvalidConfigurationErr;
-    TqCommand command;
-    command.StartNewCommand();
-    command.AddUARTWriteDirect(data);
-    return SendDirect(command);
+    return Command(&TqDevice::CanSendCommand, [&] {
+        if (gpioFunction != TqGPIOFunctionUARTDirect) return tqInvalidConfigurationErr;
+        TqCommand command;
+        command.StartNewCommand();
+        command.AddUARTWriteDirect(data);
+        return SendDirect(command);
+    });
 }
 
 TqStatus TqDevice::SetFanSetPoint(float setPoint) {
     if (!std::isfinite(setPoint)) return tqInvalidParameterErr;
-    if (!CanSendCommand()) return tqInvalidConfigurationErr;
-    return usb->SetFanSetPoint(setPoint);
+    return Command(&TqDevice::CanSendCommand, [&] { return usb->SetFanSetPoint(setPoint); });
 }
 
 TqStatus TqDevice::SetReference(TqReference reference) {
-    if (!CanSendCommand()) return tqInvalidConfigurationErr;
-    if (reference == referenceState) return tqNoError;
-    referenceState = reference;
-    TqCommand command;
-    command.StartNewCommand();
-    command.AddSetReference(reference == tqReferenceUseExternal);
-    return SendDirect(command);
+    return Command(&TqDevice::CanSendCommand, [&] {
+        if (reference == referenceState) return tqNoError;
+        referenceState = reference;
+        TqCommand command;
+        command.StartNewCommand();
+        command.AddSetReference(reference == tqReferenceUseExternal);
+        return SendDirect(command);
+    });
 }
 
 TqStatus TqDevice::GetReference(TqReference& reference) const {
@@ -498,10 +546,11 @@ TqStatus TqDevice::GetReference(TqReference& reference) const {
 }
 
 TqStatus TqDevice::SetGPSTimebaseUpdate(TqBool enabled) {
-    if (!CanSendCommand()) return tqInvalidConfigurationErr;
-    if (enabled == autoGPSTimebaseUpdate) return tqNoError;
-    autoGPSTimebaseUpdate = enabled;
-    return SendGPSDOCommand();
+    return Command(&TqDevice::CanSendCommand, [&] {
+        if (enabled == autoGPSTimebaseUpdate) return tqNoError;
+        autoGPSTimebaseUpdate = enabled;
+        return SendGPSDOCommand();
+    });
 }
 
 TqStatus TqDevice::GetGPSTimebaseUpdate(TqBool& enabled) const {
@@ -536,18 +585,18 @@ TqStatus TqDevice::GetGPSHoldOverInfo(TqBool* usingGPSHoldover, uint32_t* lastHo
 }
 
 TqStatus TqDevice::WriteToGPS(std::span<const uint8_t> bytes) {
-    if (!CanSendCommand()) return tqInvalidConfigurationErr;
-
-    std::vector<uint32_t> words((bytes.size() + 3) / 4);  // zeroed: the last one is filled up with zeros
-    std::memcpy(words.data(), bytes.data(), bytes.size());
-    TqCommand command;
-    for (std::span<const uint32_t> left = words; !left.empty();) {
-        const auto block = left.first(std::min<size_t>(left.size(), GPS_WORDS_PER_BLOCK));
-        command.StartNewCommand();
-        command.AddWriteToGPS(block.data(), static_cast<int>(block.size()));
-        left = left.subspan(block.size());
-    }
-    return SendDirect(command);
+    return Command(&TqDevice::CanSendCommand, [&] {
+        std::vector<uint32_t> words((bytes.size() + 3) / 4);  // zeroed: the last one is filled up with zeros
+        std::memcpy(words.data(), bytes.data(), bytes.size());
+        TqCommand command;
+        for (std::span<const uint32_t> left = words; !left.empty();) {
+            const auto block = left.first(std::min<size_t>(left.size(), GPS_WORDS_PER_BLOCK));
+            command.StartNewCommand();
+            command.AddWriteToGPS(block.data(), static_cast<int>(block.size()));
+            left = left.subspan(block.size());
+        }
+        return SendDirect(command);
+    });
 }
 
 TqStatus TqDevice::GetCoarseTuneVal(uint16_t* ticks) const {
@@ -556,7 +605,10 @@ TqStatus TqDevice::GetCoarseTuneVal(uint16_t* ticks) const {
 }
 
 TqStatus TqDevice::SetCoarseTuneVal(uint16_t ticks) {
-    if (!CanSendCommand()) return tqInvalidConfigurationErr;
+    return Command(&TqDevice::CanSendCommand, [&] { return WriteTimebase(ticks); });
+}
+
+TqStatus TqDevice::WriteTimebase(uint16_t ticks) {
     const auto dac = static_cast<uint16_t>(ticks + corrections.GetFreqTuneOffset());
     lastCoarseTuneNormalized = ticks;
     lastCoarseTune = dac;
@@ -570,7 +622,7 @@ TqStatus TqDevice::SetCoarseTuneVal(uint16_t ticks) {
 // itself is left alone.
 TqStatus TqDevice::UpdateDeviceTimebase() {
     if (readerGPS.IsGPSDataValid() && autoGPSTimebaseUpdate == tqTrue) return tqNoError;
-    return SetCoarseTuneVal(lastCoarseTuneNormalized);
+    return WriteTimebase(lastCoarseTuneNormalized);
 }
 
 // --- Settings ---
@@ -799,78 +851,112 @@ TqStatus TqDevice::GetIQParameters(double* sampleRate, double* bandwidth) const 
 }
 
 TqStatus TqDevice::GetSweep(float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch) {
-    TqStatus status = tqInvalidConfigurationErr;
-    if (engineSweep != nullptr) {
-        engineSweep->StartSweep();
-        status = engineSweep->FinishSweep(sweepMin, sweepMax, nsSinceEpoch);
-    } else if (engineSweepNarrow != nullptr) {
-        status = engineSweepNarrow->GetSweep(sweepMin, sweepMax, nsSinceEpoch);
-    } else {
-        return status;
-    }
-
-    // The engine delivers whatever its status is, so the curve goes on in any case. It covers the first bins only.
-    const int length = static_cast<int>(lowFreqCurve.size());
-    for (float* const row : {sweepMin, sweepMax}) {
-        if (row == nullptr || length == 0) continue;
-        if (lowFreqCurveLog) {
-            ippsAdd_32f(row, lowFreqCurve.data(), row, length);
+    return DataCall([&] {
+        TqStatus status = tqInvalidConfigurationErr;
+        if (engineSweep != nullptr) {
+            engineSweep->StartSweep();
+            status = engineSweep->FinishSweep(sweepMin, sweepMax, nsSinceEpoch);
+        } else if (engineSweepNarrow != nullptr) {
+            status = engineSweepNarrow->GetSweep(sweepMin, sweepMax, nsSinceEpoch);
         } else {
-            ippsMul_32f(row, lowFreqCurve.data(), row, length);
+            return status;
         }
-    }
-    return status;
+        if (callers.AreBeingEnded()) return status == tqConnectionLostErr ? status : tqInvalidConfigurationErr;
+
+        // The engine delivers whatever its status is, so the curve goes on in any case. It covers the first bins only.
+        const int length = static_cast<int>(lowFreqCurve.size());
+        for (float* const row : {sweepMin, sweepMax}) {
+            if (row == nullptr || length == 0) continue;
+            if (lowFreqCurveLog) {
+                ippsAdd_32f(row, lowFreqCurve.data(), row, length);
+            } else {
+                ippsMul_32f(row, lowFreqCurve.data(), row, length);
+            }
+        }
+        return status;
+    });
 }
 
 TqStatus TqDevice::GetRealTimeFrame(float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax,
-                                    int& frameCount, int64_t& nsSinceEpoch) {
-    if (currentMode != tqModeRealTime) return tqInvalidConfigurationErr;
-    TqRealTimeFrame frame{colorFrame, alphaFrame, sweepMin, sweepMax, frameCount, nsSinceEpoch};
-    const TqStatus status = engineRealTime->GetFrame(&frame);
-    frameCount = frame.frameCount;
-    nsSinceEpoch = frame.time;
-    return status;
+                                    int* frameCount, int64_t* nsSinceEpoch) {
+    return DataCall([&] {
+        TqRealTimeFrame frame{colorFrame, alphaFrame, sweepMin, sweepMax};
+        const TqStatus status =
+            engineRealTime != nullptr ? engineRealTime->GetFrame(&frame) : tqInvalidConfigurationErr;
+        if (frameCount != nullptr) *frameCount = frame.frameCount;
+        if (nsSinceEpoch != nullptr) *nsSinceEpoch = frame.time;
+        return status;
+    });
 }
 
 TqStatus TqDevice::GetIQ(void* buffer, int bufferSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
                          TqBool purge, int* sampleLoss, int* samplesRemaining) {
-    if (currentMode != tqModeIQStreaming) return tqInvalidConfigurationErr;
-    return engineIQ->GetIQ(buffer, bufferSize, triggers, triggerBufSize, nsSinceEpoch, purge, sampleLoss,
-                           samplesRemaining);
+    return DataCall([&] {
+        if (currentMode != tqModeIQStreaming) return tqInvalidConfigurationErr;
+        return engineIQ->GetIQ(buffer, bufferSize, triggers, triggerBufSize, nsSinceEpoch, purge, sampleLoss,
+                               samplesRemaining);
+    });
 }
 
-TqStatus TqDevice::GetIQCorrection(float& scale) const {
-    if (currentMode != tqModeIQStreaming) return tqInvalidConfigurationErr;
+TqStatus TqDevice::GetIQCorrection(float& scale) {
+    const Callers::Guest guest(callers);
+    if (!guest || currentMode != tqModeIQStreaming) return tqInvalidConfigurationErr;
     scale = engineIQ->GetIQScalar();
     return tqNoError;
 }
 
 TqStatus TqDevice::GetAudio(float* audio) {
-    if (currentMode != tqModeAudio) return tqInvalidConfigurationErr;
-    return engineAudio->GetAudio(audio);
+    return DataCall([&] {
+        if (engineAudio == nullptr) return tqInvalidConfigurationErr;
+        const TqStatus status = engineAudio->GetAudio(audio);
+        const bool ended = status == tqInvalidConfigurationErr;
+        return ended && usb->TransferStatus() != tqNoError ? usb->TransferStatus() : status;
+    });
 }
 
-TqStatus TqDevice::IQSweepListGetSweep(void* dst, int64_t* timestamps) {
-    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
-    return engineIQSweepList->GetSweep(dst, timestamps);
+TqStatus TqDevice::CaptureFullBand(double freq, float* dst) {
+    if (std::isnan(freq)) return tqInvalidParameterErr;
+    const Ending ending(*this);
+    {
+        const Lock settingsHeld(settingsLock);
+        SetIQFullBandLO(freq);
+    }
+    TqStatus status = ConfigureAlone(static_cast<TqMode>(tqModeIQFullBand));
+    if (status == tqNoError) status = engineIQFullBand->GetIQ(dst);
+    DestroyEngines();
+    return status;
 }
 
 TqStatus TqDevice::GetIQFullBand(float* dst) {
-    if (engineIQFullBand == nullptr) return tqInvalidConfigurationErr;
-    return engineIQFullBand->GetIQ(dst);
+    return DataCall([&] {
+        if (engineIQFullBand == nullptr) return tqInvalidConfigurationErr;
+        return engineIQFullBand->GetIQ(dst);
+    });
+}
+
+TqStatus TqDevice::IQSweepListGetSweep(void* dst, int64_t* timestamps) {
+    return DataCall([&] {
+        if (engineIQSweepList == nullptr) return tqInvalidConfigurationErr;
+        return engineIQSweepList->GetSweep(dst, timestamps);
+    });
 }
 
 TqStatus TqDevice::IQSweepListBeginSweep(int pos, void* dst, int64_t* timestamps) {
-    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
-    return engineIQSweepList->StartSweep(pos, dst, timestamps);
+    return DataCall([&] {
+        if (engineIQSweepList == nullptr) return tqInvalidConfigurationErr;
+        return engineIQSweepList->StartSweep(pos, dst, timestamps);
+    });
 }
 
+// No turn: the sweep is under way, and others may be started and finished meanwhile.
 TqStatus TqDevice::IQSweepListFinishSweep(int pos) {
-    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
+    const Callers::Guest guest(callers);
+    if (!guest || currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
     return engineIQSweepList->FinishSweep(pos);
 }
 
-TqStatus TqDevice::IQSweepListGetCorrections(float* factors) const {
-    if (currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
+TqStatus TqDevice::IQSweepListGetCorrections(float* factors) {
+    const Callers::Guest guest(callers);
+    if (!guest || currentMode != tqModeIQSweepList) return tqInvalidConfigurationErr;
     return engineIQSweepList->GetCorrections(factors);
 }

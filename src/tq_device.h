@@ -1,7 +1,8 @@
 // TqDevice, the object behind one open handle: the connection, the calibration, the settings of every mode, the
 // readers of aux packets and the running engine. The exports of tq_api.cpp forward to it, engines call back into it
-// with the aux packets that they receive. It has no lock of its own: one client thread at a time calls its members,
-// and UpdateAuxData(const AuxData*) alone also runs on the USB thread of an engine.
+// with the aux packets that they receive. Any thread may call it at any time (callers.h): data calls and commands take
+// turns, stops send the waiting home, readings and getters answer at once. The settings have settingsLock, which the
+// exports take. UpdateAuxData(const AuxData*) also runs on the USB thread of an engine.
 #pragma once
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "aux_reader.h"
+#include "callers.h"
 #include "tq720_config.h"
 #include "tq_api.h"
 #include "tq_correction_def.h"
@@ -65,10 +67,11 @@ public:
     // failed its check. A failed transfer shows at the next call that reads the transfer status.
     TqStatus InitializeDevice();
 
-    // Stops the engine and puts the instrument in standby. tqNoError whatever the instrument answered.
+    // Stops the engine and puts the instrument in standby. tqNoError whatever the instrument answered. Whoever still
+    // waits for a turn gets tqInvalidDeviceErr.
     TqStatus CloseDevice();
 
-    // Stops the engine, to idle. tqNoError.
+    // Stops the engine, to idle; a data call of another thread ends with tqInvalidConfigurationErr first. tqNoError.
     TqStatus Abort();
 
     // Restarts the instrument, which drops it off the bus; 3 s. Stops no engine: Abort comes first. tqNoError.
@@ -84,7 +87,7 @@ public:
     bool IsIdle() const { return currentMode == tqModeIdle; }
 
     // The streaming gate: while a mode streams without pause, or a pass through an I/Q sweep list is under way, the
-    // endpoints belong to the engine and nothing else may use them.
+    // endpoints belong to the engine and nothing else may use them. Asked by who has the turn.
     bool CanSendCommand() const;
 
     // tqNoError when `state` is the present one, else tqInvalidConfigurationErr at a closed gate. Waking takes 50 ms.
@@ -93,7 +96,7 @@ public:
 
     // --- Aux data ---
 
-    // Fetches one aux packet now. Only at an open gate and with no sweep in progress.
+    // Fetches one aux packet now. Only at an open gate, by who has the turn.
     TqStatus UpdateAuxData();
 
     // The one door for all aux packets, called by UpdateAuxData() and by the USB threads of the engines: readers,
@@ -104,16 +107,18 @@ public:
     // Whether the last aux packet lacked its magic number. Any thread.
     bool HasFramingIssues() const { return hasFramingErr; }
 
-    // [V], [A], [degrees Celsius]; null outputs are skipped. Refreshes at an open gate, at most once a second.
+    // Readings refresh at an open gate. Beside a call that uses the endpoints they don't: the last values must do.
+
+    // [V], [A], [degrees Celsius]; null outputs are skipped. Refreshes at most once a second.
     TqStatus GetDeviceDiagnostics(float* voltage, float* current, float* temperature);
     TqStatus GetGPSState(TqGPSState& state);  // refreshes likewise; tqNoError when it did not
 
-    // Fix and text of the GPS receiver. Refreshes at an open gate when `refresh` is tqTrue.
+    // Fix and text of the GPS receiver. Refreshes when `refresh` is tqTrue.
     //   updated  out, whether text has come since the last call; null: skipped
     //   nmea     out, zero-terminated text; *nmeaLen in: its room, out: what was written; null: skipped
     TqStatus GetGPSInfo(TqBool refresh, TqBool* updated, TqGPSInfo& info, char* nmea, int* nmeaLen);
     bool HasDithering() const { return readerStatus.HasDitheringADC(); }  // by the last aux packet
-    TqStatus GetFanSettings(float* setPoint, float* voltage);  // refreshes at an open gate; null outputs are skipped
+    TqStatus GetFanSettings(float* setPoint, float* voltage);             // refreshes always; null outputs are skipped
 
     int GetSerialNumber() const;
     TqVersionInfo GetVersionInfo() const;
@@ -138,7 +143,7 @@ public:
     TqStatus GetCoarseTuneVal(uint16_t* ticks) const;  // tqNoError
     TqStatus SetCoarseTuneVal(uint16_t ticks);         // gate
 
-    // --- Settings: stored, in every mode; they take effect at the next Configure ---
+    // --- Settings: stored, in every mode; they take effect at the next Configure. Under settingsLock ---
     // tqSettingClamped: a value was limited and the call took effect. tqInvalidParameterErr: nothing was stored. A
     // value that is not finite is never stored: a setter that clamps takes infinities as beyond the limit.
 
@@ -185,52 +190,65 @@ public:
 
     TqStatus SetIQFullBandLO(double freq);  // clamps, and answers tqNoError all the same
 
+    // The settings, `corrections`, and what tells of both. Held by Configure while it plans, and only for moments
+    // besides. Taken behind a turn, never in front of one.
+    CriticalSection settingsLock;
+
     // --- What was configured, and its data: tqInvalidConfigurationErr in any other mode ---
 
     TqStatus GetSweepSettings(TqSweepSettings& settings) const;
     TqStatus GetRealTimeSettings(TqRealTimeSettings& settings) const;
     TqStatus GetIQParameters(double* sampleRate, double* bandwidth) const;  // null outputs are skipped
 
-    // One whole sweep, blocking until it is complete. Each output may be null: sweepSize floats, [ns since the epoch].
+    // Data calls wait for their turn. One that another thread ends answers tqInvalidConfigurationErr, the transfer
+    // status if that is an error, and leaves its buffers as they are.
+
+    // One whole sweep, blocking until it is complete, also when it is ended. Each output may be null: sweepSize floats,
+    // [ns since the epoch].
     TqStatus GetSweep(float* sweepMin, float* sweepMax, int64_t* nsSinceEpoch);
 
-    // The next real-time frame, blocking until it is finished; images and sweeps as of EngineRealTime::GetFrame.
-    // Without a frame frameCount and time stay as they are.
-    TqStatus GetRealTimeFrame(float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax, int& frameCount,
-                              int64_t& nsSinceEpoch);
+    // The next real-time frame, blocking until it is finished; images and sweeps as of EngineRealTime::GetFrame. Each
+    // output may be null. In another mode number and time are 0.
+    TqStatus GetRealTimeFrame(float* colorFrame, float* alphaFrame, float* sweepMin, float* sweepMax, int* frameCount,
+                              int64_t* nsSinceEpoch);
 
     // The next samples of the stream, blocking until they are there; arguments as of EngineIQ::GetIQ.
     TqStatus GetIQ(void* iqBuf, int iqBufSize, double* triggers, int triggerBufSize, int64_t* nsSinceEpoch,
                    TqBool purge, int* sampleLoss, int* samplesRemaining);
-    TqStatus GetIQCorrection(float& scale) const;  // factor from tqDataType16sc samples to the corrected scale
+    TqStatus GetIQCorrection(float& scale);  // factor from tqDataType16sc samples to the corrected scale
 
     // The next block of audio, blocking until it is there; as EngineAudio::GetAudio.
     TqStatus GetAudio(float* audio);
 
-    // One full-band capture; argument as of EngineIQFullBand::GetIQ.
+    // One full-band capture at this LO, which ends whatever runs and leaves the device idle; dst as of
+    // EngineIQFullBand::GetIQ.
+    TqStatus CaptureFullBand(double freq, float* dst);
+
+    // One full-band capture in its mode; argument likewise.
     TqStatus GetIQFullBand(float* dst);
 
-    // Passes over the list; arguments as of EngineIQSweepList.
+    // Passes over the list; arguments as of EngineIQSweepList. Begin waits for its turn, Finish for nobody.
     TqStatus IQSweepListGetSweep(void* dst, int64_t* timestamps);
     TqStatus IQSweepListBeginSweep(int pos, void* dst, int64_t* timestamps);
     TqStatus IQSweepListFinishSweep(int pos);
-    TqStatus IQSweepListGetCorrections(float* factors) const;  // out, one for each step
+    TqStatus IQSweepListGetCorrections(float* factors);  // out, one for each step
 
     // --- State ---
-    // Atomic: written by UpdateAuxData(const AuxData*) on an engine's thread while the client reads.
+    // Atomic: written by UpdateAuxData(const AuxData*) on an engine's thread, or by who has the turn, while others
+    // read.
 
     std::atomic<bool> hasFramingErr{false};
     std::atomic<TqMode> currentMode{tqModeIdle};
-    TqPowerState powerState = tqPowerStateStandby;          // last state commanded
-    std::atomic<uint64_t> lastAuxUpdate{0};                 // GetSystemTicks() of the last good aux packet
-    std::atomic<uint16_t> lastCoarseTuneNormalized{32768};  // timebase DAC value without the unit's offset
-    std::atomic<uint16_t> lastCoarseTune{32768};            // what the DAC was given, or reports under GPS
-    std::unique_ptr<DeviceInterface> usb;                   // declared before the engine: it outlives it
+    std::atomic<TqPowerState> powerState{tqPowerStateStandby};  // last state commanded
+    std::atomic<uint64_t> lastAuxUpdate{0};                     // GetSystemTicks() of the last good aux packet
+    std::atomic<uint16_t> lastCoarseTuneNormalized{32768};      // timebase DAC value without the unit's offset
+    std::atomic<uint16_t> lastCoarseTune{32768};                // what the DAC was given, or reports under GPS
+    std::unique_ptr<DeviceInterface> usb;                       // declared before the engine: it outlives it
     TqCorrections corrections;
-    TqReference referenceState = tqReferenceUseInternal;
-    TqGPIOFunction gpioFunction = TqGPIOFunctionTrigIn;
-    TqBool autoGPSTimebaseUpdate = tqFalse;  // the instrument disciplines its timebase from GPS
-    int UARTDivider = 164;                   // BASE_BAUD_RATE / UARTDivider is the rate: 499.5 kBaud
+    std::atomic<TqReference> referenceState{tqReferenceUseInternal};
+    std::atomic<TqGPIOFunction> gpioFunction{TqGPIOFunctionTrigIn};
+    std::atomic<TqBool> autoGPSTimebaseUpdate{tqFalse};  // the instrument disciplines its timebase from GPS
+    std::atomic<int> UARTDivider{164};                   // BASE_BAUD_RATE / UARTDivider is the rate: 499.5 kBaud
     Tq720Config deviceConfig;
     TqRFSettings rfConfig;
     TqSweepSettings sweepSettings;
@@ -248,6 +266,21 @@ public:
     std::vector<uint8_t> iqBuf;  // memory of the I/Q ring, kept from one engine to the next
 
 private:
+    // While one lives nobody else is inside; the constructor sends them home.
+    struct Ending : Callers::Ending {
+        explicit Ending(TqDevice& device) : Callers::Ending(device.callers, [&device] { device.SendHome(); }) {}
+    };
+
+    bool Streams() const;
+    void SendHome();
+    template <class Call>
+    TqStatus DataCall(Call&& call);
+    template <class Send>
+    TqStatus Command(bool (TqDevice::*allowed)() const, Send&& send);
+    TqStatus Refresh(bool always);
+    TqStatus ConfigureAlone(TqMode mode);
+    TqStatus Switch(TqPowerState state);
+    TqStatus WriteTimebase(uint16_t ticks);
     TqStatus PlanMode(TqMode mode);
     TqStatus ConfigureModeSweep();
     TqStatus ConfigureModeSweepNarrow();
@@ -264,6 +297,9 @@ private:
     TqStatus UpdateDeviceTimebase();
     TqStatus SendGPSDOCommand();
     TqStatus SendDirect(TqCommand& command);
+
+    Callers callers;
+    std::atomic<bool> closed = false;  // CloseDevice has been here
 
     // auxLock guards copies of these between UpdateAuxData(const AuxData*) and the client; nothing blocks under it.
     mutable CriticalSection auxLock;
