@@ -1,7 +1,8 @@
 // Callers, the order among the threads that call one device at the same time. TqDevice has one, and each of its members
 // that touches engine or endpoints takes a place in it. Three kinds of callers:
 //
-//   Turn    uses the endpoints or waits for data: a data call, a command. One at a time, in the order of arrival.
+//   Turn    uses the endpoints or waits for data: a data call, a command. One at a time, in the order of arrival, so
+//           that a display loop does not go back in over and over past the thread that wants to stop it.
 //   Guest   only looks at the engine, or waits for a sweep that is under way already. Any number, beside a turn.
 //   Ending  takes the engine away or puts another one in its place. Alone: it sends home whoever waits for data, and
 //           returns from its constructor when the last of the others has left.
@@ -10,30 +11,9 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <utility>
 
-// A queue that lets in one at a time, first come, first served: a mutex would let a display loop back in over and over,
-// past the thread that wants to stop it.
-class TurnQueue {
-public:
-    void Enter() {
-        const uint32_t ticket = next.fetch_add(1);
-        for (uint32_t now; (now = serving.load()) != ticket;) serving.wait(now);
-    }
-    bool TryEnter() {
-        uint32_t free = serving.load();
-        return next.compare_exchange_strong(free, free + 1);
-    }
-    void Leave() {
-        serving.fetch_add(1);
-        serving.notify_all();
-    }
-
-private:
-    std::atomic<uint32_t> next = 0;     // ticket
-    std::atomic<uint32_t> serving = 0;  // ticket of who is in; equal to `next` when nobody is
-};
+#include "vk_critical_section.h"
 
 class Callers {
 public:
@@ -114,6 +94,6 @@ public:
 private:
     std::atomic<int> endings = 0;  // under way or waiting
     std::atomic<int> guests = 0;
-    TurnQueue turns;
-    TurnQueue enders;
+    FairSection turns;
+    FairSection enders;
 };

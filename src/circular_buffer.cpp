@@ -14,14 +14,14 @@ void IQCircularBuffer::Resize(int size, TqDataType dataType) {
     bufferSizeSamples = static_cast<uint64_t>(size);
     bufferSizeBytes = bufferSizeSamples * static_cast<uint64_t>(bytesPerSample);
     buf.resize(bufferSizeBytes);
-    const Lock held(lock);
+    const FairLock held(lock);
     triggerBuffer.reserve(MAX_TRIGGERS);
     Empty();
     sampleLoss = 0;
 }
 
 void IQCircularBuffer::Clear() {
-    const Lock held(lock);
+    const FairLock held(lock);
     Empty();
     sampleLoss = 0;
 }
@@ -38,14 +38,14 @@ void IQCircularBuffer::Drop() {
 }
 
 void IQCircularBuffer::Append(const void* src, int count, const double* triggers, int triggerCount, uint64_t t) {
-    const Lock held(lock);
+    const FairLock held(lock);
     if (static_cast<uint64_t>(count) + dataInBufSamples >= bufferSizeSamples) Drop();
     Store(src, count, triggers, triggerCount, t);
 }
 
 void IQCircularBuffer::AppendAfterGap(const void* src, int count, const double* triggers, int triggerCount,
                                       uint64_t t) {
-    const Lock held(lock);
+    const FairLock held(lock);
     Drop();
     Store(src, count, triggers, triggerCount, t);
 }
@@ -75,7 +75,7 @@ void IQCircularBuffer::Store(const void* src, int count, const double* triggers,
 
 void IQCircularBuffer::Read(void* dst, int count, int& samplesReturned, double* trigPtr, int trigPtrLen,
                             int& trigReturned, uint64_t& t, TqDataType dataType) {
-    const Lock held(lock);
+    const FairLock held(lock);
     samplesReturned = trigReturned = 0;
     if (count < 1) return;
 

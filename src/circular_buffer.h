@@ -60,8 +60,9 @@ private:
     void Store(const void* src, int count, const double* triggers, int triggerCount, uint64_t t) TQ_REQUIRES(lock);
     void CopyOut(uint64_t offset, void* dst, uint64_t samples, TqDataType dataType) const TQ_REQUIRES(lock);
 
-    // Guards what follows, across copies and conversions. The two atomics are written under it and read without.
-    CriticalSection lock;
+    // Guards what follows, across copies and conversions; fair, since a reader takes piece after piece. The two atomics
+    // are written under it and read without.
+    FairSection lock;
     TqDataType bufDataType = tqDataType16sc;  // of the stored samples; this and the sizes change in Resize alone
     int bytesPerSample = 4;
     std::vector<uint8_t>& buf;

@@ -163,7 +163,9 @@ IppStatus ippsSqrt_32f_A11(const Ipp32f* pSrc, Ipp32f* pDst, int len);
 
 IppStatus ippsConj_32fc(const Ipp32fc* pSrc, Ipp32fc* pDst, int len);
 
-// sqrt(re^2 + im^2), re^2 + im^2, and atan2(im, re) from -pi to pi [rad]. Squares are formed in single precision.
+// sqrt(re^2 + im^2), re^2 + im^2, and atan2(im, re) from -pi to pi [rad]. Squares are formed in single precision: the
+// first two are good while the larger of |re| and |im| lies between 1.1e-19, below which its square loses bits and then
+// vanishes, and 1.3e19, above which the sum of the squares may be infinite. Samples at full scale 1.0 never leave that.
 IppStatus ippsMagnitude_32fc(const Ipp32fc* pSrc, Ipp32f* pDst, int len);
 IppStatus ippsPowerSpectr_32fc(const Ipp32fc* pSrc, Ipp32f* pDst, int len);
 IppStatus ippsPhase_32fc(const Ipp32fc* pSrc, Ipp32f* pDst, int len);

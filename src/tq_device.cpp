@@ -140,8 +140,10 @@ TqStatus TqDevice::ConfigureAlone(TqMode mode) {
 
     // Everything that is planned from here on belongs to one temperature, and drift warnings count from it.
     if (AuxDataIsDue()) UpdateAuxData();
-    const Lock settingsHeld(settingsLock);
-    corrections.SetCurrentTemp(readerStatus.DeviceTemp());
+    {
+        const Lock held(settingsLock);
+        corrections.SetCurrentTemp(readerStatus.DeviceTemp());
+    }
     readerStatus.Reconfigure();
     readerTrigger.Reset();
 
@@ -149,6 +151,7 @@ TqStatus TqDevice::ConfigureAlone(TqMode mode) {
     if (status != tqNoError) return status;
 
     try {
+        const Lock held(settingsLock);
         status = PlanMode(mode);
     } catch (const std::exception&) {  // std::bad_alloc, or std::system_error from a thread that could not start
         status = tqAllocationErr;
@@ -918,7 +921,7 @@ TqStatus TqDevice::CaptureFullBand(double freq, float* dst) {
     if (std::isnan(freq)) return tqInvalidParameterErr;
     const Ending ending(*this);
     {
-        const Lock settingsHeld(settingsLock);
+        const Lock held(settingsLock);
         SetIQFullBandLO(freq);
     }
     TqStatus status = ConfigureAlone(static_cast<TqMode>(tqModeIQFullBand));

@@ -5,7 +5,11 @@
 #include "scripted_stream.h"
 #include "stream_plan.h"
 
+#include <signal.h>
+#include <sys/mman.h>
+
 #include <complex>
+#include <functional>
 
 namespace {
 
@@ -296,6 +300,57 @@ TEST_F(EngineIQTest, StatusIsTheFirstThatApplies) {
         EXPECT_EQ(got.status, CASES[i].expected) << CASES[i].name;
         EXPECT_EQ(NumberOf(got.samples.back()), int64_t{i + 1} * perXfer - 1) << "delivered whatever the status";
     }
+}
+
+// Memory that holds its first writer up: at every first touch of a guarded page a transfer more comes off the wire.
+struct SlowMemory {
+    static constexpr std::size_t PAGE = 4096;
+
+    SlowMemory(std::size_t size, std::size_t stride, std::function<void()> hold)
+        : bytes(size), onTouch(std::move(hold)) {
+        at = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        for (std::size_t page = 0; page < bytes; page += stride) mprotect(Place(page), PAGE, PROT_NONE);
+        active = this;
+        struct sigaction action = {};
+        action.sa_sigaction = [](int, siginfo_t* info, void*) {
+            const auto offset = static_cast<std::size_t>(static_cast<char*>(info->si_addr) - active->Place(0));
+            if (offset >= active->bytes) std::abort();
+            mprotect(active->Place(offset / PAGE * PAGE), PAGE, PROT_READ | PROT_WRITE);
+            active->onTouch();
+        };
+        action.sa_flags = SA_SIGINFO | SA_NODEFER;
+        sigaction(SIGSEGV, &action, &before);
+    }
+    ~SlowMemory() {
+        sigaction(SIGSEGV, &before, nullptr);
+        munmap(at, bytes);
+    }
+    char* Place(std::size_t offset) const { return static_cast<char*>(at) + offset; }
+
+    std::size_t bytes;
+    std::function<void()> onTouch;
+    void* at;
+    struct sigaction before;
+    static inline SlowMemory* active = nullptr;
+};
+
+// The store between the threads holds 20 transfers: a reader may not keep the worker out of the ring for longer.
+TEST_F(EngineIQTest, ACallerWithSlowMemoryLosesNothing) {
+    constexpr int FIRST = 60, MORE = 40;
+    Start(1);
+    scripted->allowed = FIRST;
+    const int count = (FIRST - 1) * perXfer;
+    while (Get(1).remaining < count - 100) std::this_thread::yield();
+    const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(Ipp32fc);
+    const SlowMemory memory(bytes, bytes / MORE / SlowMemory::PAGE * SlowMemory::PAGE, [this] {
+        const int64_t last = device->readerGPS.GetLockedIQTime();
+        ++scripted->allowed;
+        while (device->readerGPS.GetLockedIQTime() == last) std::this_thread::yield();
+    });
+    int loss = -1;
+    EXPECT_EQ(engine->GetIQ(memory.at, count - 200, nullptr, 0, nullptr, tqFalse, &loss, nullptr), tqNoError);
+    EXPECT_EQ(loss, 0);
+    EXPECT_EQ(Get(MORE * perXfer).loss, 0);
 }
 
 TEST_F(EngineIQTest, ABlockedCallerIsWokenByTheEndAndByALostLink) {
