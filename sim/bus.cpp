@@ -168,6 +168,8 @@ BusUse& BusUse::operator+=(const BusUse& other) {
     claimedNow += other.claimedNow;
     urbsInFlight += other.urbsInFlight;
     urbsInFlightMax += other.urbsInFlightMax;
+    memory += other.memory;
+    memoryMax += other.memoryMax;
     return *this;
 }
 

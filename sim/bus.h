@@ -78,6 +78,8 @@ struct BusUse {
     int claimedNow = 0;     // interfaces
     int urbsInFlight = 0;   // submitted and not yet reaped
     int urbsInFlightMax = 0;
+    std::size_t memory = 0;  // what the kernel charges for the URBs in flight: buffers and records [bytes]
+    std::size_t memoryMax = 0;
 
     bool HoldsNothing() const { return openNow == 0 && claimedNow == 0 && urbsInFlight == 0; }
     bool WasWrittenTo() const { return claims + bulkOut + bulkIn + controlWrites > 0; }

@@ -457,6 +457,8 @@ int Port::Submit(Descriptor& descriptor, usbdevfs_urb* user) {
         use.controlWrites += 1;
     use.urbsInFlight += 1;
     use.urbsInFlightMax = std::max(use.urbsInFlightMax, use.urbsInFlight);
+    use.memory += urb.charge;
+    use.memoryMax = std::max(use.memoryMax, use.memory);
     user->status = -EINPROGRESS;
     user->actual_length = 0;
     pipes[pipe].queue.splice(pipes[pipe].queue.end(), submitted);
@@ -522,6 +524,7 @@ int Port::Reap(Descriptor& descriptor, void* argument, bool wait) {
     std::memcpy(argument, &user, sizeof user);
     Table().memoryUsed -= urb.charge;
     use.urbsInFlight -= 1;
+    use.memory -= urb.charge;
     descriptor.done.pop_front();
     const char full = 0;
     // Without a reader a write would raise SIGPIPE. The pipe is empty here, so that this cannot fail.
@@ -576,6 +579,7 @@ void Port::Forget(std::list<Urb>& urbs, const Descriptor& descriptor) {
         }
         Table().memoryUsed -= urb->charge;
         use.urbsInFlight -= 1;
+        use.memory -= urb->charge;
         urb = urbs.erase(urb);
     }
 }
