@@ -8,6 +8,9 @@
  *   tqAdmin  takes a handle of tqOpenDevice, with the rules of tq_api.h for handles and threads. A bad handle is
  *            tqInvalidDeviceErr before all other checks.
  *   tqBoot   opens one instrument in its boot program and works on its flash. See below.
+ *
+ * tqBoot functions print to standard output: a line "Writing Page" and "Verifying Page" with its number for all that is
+ * written but single pages, "Erasing Page" while the FPGA program is cleared, "Fail to boot due to checksum error".
  */
 #ifndef TQ_API_ADMIN_H
 #define TQ_API_ADMIN_H
