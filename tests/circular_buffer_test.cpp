@@ -4,12 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <deque>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -140,34 +138,6 @@ TEST_F(IqRing, TimeIsThatOfTheOldestSample) {
     ring.Read(nullptr, 0, samples, nullptr, 0, triggers, untouched, tqDataType32fc);
     EXPECT_EQ(untouched, 5u);
     EXPECT_EQ(samples + triggers, 0);
-}
-
-// A client that takes piece after piece must not keep the worker out.
-TEST(IqRingThreads, AWriterWaitsForOneReaderAtMost) {
-    constexpr int PIECE = 65536, ROUNDS = 200;
-    std::vector<uint8_t> memory;
-    IQCircularBuffer ring(memory);
-    ring.SetSampleRate(RATE);
-    ring.Resize(4 * PIECE, tqDataType32fc);
-    const std::vector<Ipp32fc> block(PIECE);
-    std::atomic<int> reads = 0;
-    std::atomic<bool> stop = false;
-    std::thread reader([&] {
-        std::vector<Ipp16sc> piece(PIECE);
-        for (int n = 0, t = 0; !stop; ++reads) {
-            uint64_t time = 0;
-            ring.Read(piece.data(), PIECE, n, nullptr, 0, t, time, tqDataType16sc);
-        }
-    });
-    int waitedLong = 0;
-    for (int round = 0; round < ROUNDS; ++round) {
-        const int before = reads;
-        ring.Append(block.data(), PIECE, nullptr, 0, 0);
-        if (reads > before + 2) ++waitedLong;  // or the machine has taken the processor away
-    }
-    stop = true;
-    reader.join();
-    EXPECT_LT(waitedLong, ROUNDS / 4);
 }
 
 TEST(IqRingTypes, ConvertBothWaysAcrossTheEnd) {
