@@ -16,6 +16,7 @@
 #include "sim/bus.h"
 #include "sim/instrument.h"
 #include "sim/seams.h"
+#include "thread_support.h"
 
 class BusFixture : public ::testing::Test {
 protected:

@@ -1,0 +1,44 @@
+// A test that waits for what never comes ends by itself, and says so.
+#include "thread_support.h"
+
+#include <gtest/gtest-spi.h>
+
+namespace {
+
+TEST(ThreadSupport, AThreadThatHasEndedIsNotWaitedFor) {
+    static std::atomic<pid_t> ended;  // the macro's statement sees no locals
+    std::thread([] { ended = gettid(); }).join();
+    EXPECT_NONFATAL_FAILURE(WaitUntilBlocked(ended), "the thread has ended");
+}
+
+TEST(ThreadSupport, ATestThatStandsStillIsNamedAndEnds) {
+    const auto standStill = [] {
+        Watchdog::Watch("Some.Test", 1);
+        while (true) pause();
+    };
+    EXPECT_EXIT(standStill(), ::testing::KilledBySignal(SIGABRT), "watchdog: Some.Test stands still");
+}
+
+TEST(ThreadSupport, HeldThreadsGoOnWhenLetGo) {
+    std::atomic<bool> go = false, gone = false;
+    std::vector<pid_t> made;
+    std::thread thread;
+    made = ThreadsOf([&] {
+        thread = std::thread([&] {
+            go.wait(false);
+            gone = true;
+        });
+    });
+    ASSERT_EQ(made.size(), 1u);
+    {
+        const HeldThreads held(made);
+        go = true;
+        go.notify_all();
+        WaitUntilBlocked(made[0]);
+        EXPECT_FALSE(gone);
+    }
+    thread.join();
+    EXPECT_TRUE(gone);
+}
+
+}  // namespace
