@@ -90,6 +90,7 @@ inline FaultCase BusFault(std::string name, sim::BusFault fault) {
 // Where faults strike, counted from the strike on: packets from 0, transfers on the bus from 1.
 struct FaultPlaces {
     std::uint64_t aux = 0;     // aux packet that tells of it
+    std::uint64_t wrong = 1;   // aux packets in a row that come without their magic number
     std::uint64_t packet = 0;  // of any kind, not the first of its read
     int read = 1;
     int command = 1;
@@ -100,7 +101,10 @@ inline std::vector<FaultCase> FaultCases(const FaultPlaces& at, const std::vecto
     using enum sim::BusFault::Action;
     using enum sim::BusFault::Match;
     std::vector<FaultCase> cases = {
-        DeviceFault("WrongMagic", tqFramingErr, [at](sim::Faults& f) { f.WrongAuxMagicAt(at.aux); }),
+        DeviceFault("WrongMagic", tqFramingErr,
+                    [at](sim::Faults& f) {
+                        for (std::uint64_t i = 0; i < at.wrong; i++) f.WrongAuxMagicAt(at.aux + i);
+                    }),
         DeviceFault("DataLoss", tqUncalData, [at](sim::Faults& f) { f.DataLossAt(at.aux); }),
         DeviceFault("Overflow", tqADCOverflow, [at](sim::Faults& f) { f.AdcOverflowAt(at.aux); }),
         DeviceFault("TemperatureStep", tqTempDrift, [at](sim::Faults& f) { f.TemperatureStepAt(at.aux, 41.0); }),

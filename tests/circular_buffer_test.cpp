@@ -98,12 +98,12 @@ TEST_F(IqRing, DropsAllWhenTheBlockWouldFillIt) {
 
 TEST_F(IqRing, TriggersMoveWithTheSamples) {
     Append(40);
-    Append(60, {-9.5, 0.25, 59.0, 61.5});  // relative to sample 40; the last lies behind its block
+    Append(60, {-9.5, 0.25, 59.0, 60.0, 61.5});  // relative to sample 40; the last two lie behind their block
     EXPECT_TRUE(Read(30).triggers.empty());
     EXPECT_EQ(Read(10).triggers, std::vector<double>{0.5});
     EXPECT_EQ(Read(60).triggers, (std::vector<double>{0.25, 59.0})) << "a position below the count is in the read";
     Append(10);
-    EXPECT_EQ(Read(10).triggers, std::vector<double>{1.5});
+    EXPECT_EQ(Read(10).triggers, (std::vector<double>{0.0, 1.5})) << "one at the end of a read is in the next";
 
     // Those beyond the caller's room are lost, and only those of this read.
     for (const int room : {0, 2}) {

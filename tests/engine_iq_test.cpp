@@ -124,7 +124,7 @@ protected:
     std::complex<double> Reference(std::size_t stages, int64_t k) const {
         if (k < 0) return 0.0;
         if (stages == 0) {
-            const Ipp16sc x = Noise(k);
+            const Ipp16sc x = Noise(origin + k);
             return {x.re / 32768.0, x.im / 32768.0};
         }
         std::complex<double> sum = 0.0;
@@ -134,7 +134,24 @@ protected:
         }
         return sum;
     }
+    void DesignStages() {
+        const Filtered& param = GetParam();
+        for (std::size_t stage = 0; stage < param.taps.size(); stage++) {
+            stageTaps.emplace_back(static_cast<std::size_t>(param.taps[stage]));
+            DSP::GetLowpassFIRTaps_64f(stageTaps.back().data(), param.taps[stage],
+                                       static_cast<float>(param.cutoffs[stage]), ippWinBlackman, ippTrue);
+        }
+    }
+    // Sample k of those since `origin` against the reference. Floats round by 6e-8 of samples below 0.75, here in sums
+    // of at most two times 2049 taps whose magnitudes add up to less than 4.
+    void ExpectSample(Ipp32fc sample, int64_t k) const {
+        const std::complex<double> expected = Reference(GetParam().taps.size(), k);
+        EXPECT_NEAR(sample.re, expected.real(), 1e-6) << k;
+        EXPECT_NEAR(sample.im, expected.imag(), 1e-6) << k;
+    }
+
     std::vector<std::vector<double>> stageTaps;
+    int64_t origin = 0;  // sample of the wire with which the filters start, all that lies ahead being 0
 };
 
 TEST_P(EngineIQFilters, SamplesTriggersAndTimesPassTheStages) {
@@ -156,18 +173,11 @@ TEST_P(EngineIQFilters, SamplesTriggersAndTimesPassTheStages) {
     ASSERT_EQ(got.status, tqNoError);
     ASSERT_EQ(got.remaining, 0);
 
-    for (std::size_t stage = 0; stage < param.taps.size(); stage++) {
-        stageTaps.emplace_back(static_cast<std::size_t>(param.taps[stage]));
-        DSP::GetLowpassFIRTaps_64f(stageTaps.back().data(), param.taps[stage], static_cast<float>(param.cutoffs[stage]),
-                                   ippWinBlackman, ippTrue);
-    }
-    // Around the start, the seams of the transfers and the end. Floats round by 6e-8 of samples below 0.75, here in
-    // sums of at most two times 2049 taps whose magnitudes add up to less than 4.
+    DesignStages();
+    // Around the start, the seams of the transfers and the end.
     const std::size_t last = got.samples.size() - 1, seam = static_cast<std::size_t>(perXfer);
     for (const std::size_t k : {std::size_t{0}, std::size_t{1}, seam - 1, seam, 2 * seam + 3, last}) {
-        const std::complex<double> expected = Reference(param.taps.size(), static_cast<int64_t>(k));
-        EXPECT_NEAR(got.samples[k].re, expected.real(), 1e-6) << k;
-        EXPECT_NEAR(got.samples[k].im, expected.imag(), 1e-6) << k;
+        ExpectSample(got.samples[k], static_cast<int64_t>(k));
     }
 
     // The trigger lies where the filters have moved its sample, and so does the time.
@@ -182,6 +192,41 @@ TEST_P(EngineIQFilters, SamplesTriggersAndTimesPassTheStages) {
     scripted->allowed = TRANSFERS + 1;
     const Got next = Get(perXfer);
     EXPECT_NEAR(static_cast<double>(next.time - got.time), TRANSFERS * perXfer * 1e9 / settings.actualSampleRate, 3.0);
+}
+
+// The worker stands still until the store has dropped five transfers. What is in it stays good, and what comes behind
+// the gap starts as a stream of its own, once around the store and on.
+TEST_P(EngineIQFilters, AFullStoreLosesInOnePieceAndTheFiltersStartAnew) {
+    constexpr int STORED = EngineIQ::RAW_STEPS_TOTAL, SENT = STORED + 5;
+    settings.softwareFiltering = GetParam().softwareFiltering;
+    settings.bandwidth = 1e9;
+    scripted->render = PerSample(Noise);
+    scripted->onAux = [](int transfer, AuxData& aux) { aux.fpgaVersion = static_cast<uint32_t>(transfer + 1); };
+    const std::vector<pid_t> threads = ThreadsOf([&] { Start(GetParam().decimation); });
+    ASSERT_EQ(threads.size(), 2u) << "worker and acquisition";
+    {
+        const HeldThreads held({threads[0]});
+        scripted->allowed = SENT;
+        WaitUntil([&] { return device->GetVersionInfo().fpgaVersion == SENT; });
+        WaitUntilBlocked(threads[1]);
+    }
+    DesignStages();
+    const Got kept = Get(STORED * perXfer);
+    EXPECT_EQ(kept.loss, 0);
+    ExpectSample(kept.samples.back(), STORED * int64_t{perXfer} - 1);
+
+    origin = SENT * int64_t{64 / hwDecimation - 1} * PACKET_SAMPLES;
+    for (int transfer = 0; transfer <= STORED; transfer++) {
+        scripted->allowed = SENT + transfer + 1;
+        const Got got = Get(perXfer);
+        ASSERT_EQ(got.status, tqNoError);
+        ASSERT_EQ(got.loss, transfer == 0 ? 1 : 0) << transfer << " behind the gap";
+        ASSERT_EQ(got.remaining, 0);
+        if (transfer > 1 && transfer < STORED) continue;
+        for (const int k : {0, 1, perXfer - 1}) {
+            ExpectSample(got.samples[static_cast<std::size_t>(k)], transfer * int64_t{perXfer} + k);
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -340,7 +385,7 @@ TEST_F(EngineIQTest, ACallerWithSlowMemoryLosesNothing) {
     Start(1);
     scripted->allowed = FIRST;
     const int count = (FIRST - 1) * perXfer;
-    while (Get(1).remaining < count - 100) std::this_thread::yield();
+    WaitUntil([&] { return Get(1).remaining >= count - 100; });
     const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(Ipp32fc);
     const SlowMemory memory(bytes, bytes / MORE / SlowMemory::PAGE * SlowMemory::PAGE, [this] {
         const int64_t last = device->readerGPS.GetLockedIQTime();
@@ -351,6 +396,20 @@ TEST_F(EngineIQTest, ACallerWithSlowMemoryLosesNothing) {
     EXPECT_EQ(engine->GetIQ(memory.at, count - 200, nullptr, 0, nullptr, tqFalse, &loss, nullptr), tqNoError);
     EXPECT_EQ(loss, 0);
     EXPECT_EQ(Get(MORE * perXfer).loss, 0);
+}
+
+// What went before it has no say, however often it was wrong, and it stays said until the next packet.
+TEST_F(EngineIQTest, FramingIsThatOfTheLastPacketAlone) {
+    scripted->onAux = [](int transfer, AuxData& aux) {
+        if (transfer % 4 != 3) aux.magicNumber = BAD_MAGIC;
+    };
+    Start(4);
+    for (int transfer = 1; transfer < 24; transfer += 2) {
+        scripted->allowed = transfer + 1;
+        const TqStatus expected = transfer % 4 == 3 ? tqNoError : tqFramingErr;
+        EXPECT_EQ(Get(2 * perXfer - 1).status, expected) << transfer;
+        EXPECT_EQ(Get(1).status, expected) << transfer;
+    }
 }
 
 TEST_F(EngineIQTest, ABlockedCallerIsWokenByTheEndAndByALostLink) {

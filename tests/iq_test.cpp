@@ -155,6 +155,22 @@ TEST_P(IQTriggers, LieAtTheSampleThatTheyMark) {
 
 INSTANTIATE_TEST_SUITE_P(Decimations, IQTriggers, ::testing::Values(1, 4, 16, 128));
 
+// One that comes before a stream has armed is told by none, whatever the stream ahead of it had seen. The two streams
+// lie few transfers apart, so that a position counted from the end of the first would fall into the second.
+TEST_F(IQTest, TriggersOfOneStreamAreNoneOfTheNext) {
+    Open();
+    constexpr int COUNT = 6 * 131072;
+    const Stream stream = {.filter = tqFalse};
+    ASSERT_EQ(tqSetIQQueueSize(device, 2), tqNoError);
+    instrument->TriggerAtSample(COUNT - 1000);
+    Configure(stream);
+    EXPECT_NEAR(Take(COUNT, 1).triggers[0], COUNT - 1000, 1.0);
+    ASSERT_EQ(tqAbort(device), tqNoError);
+    instrument->TriggerAtSample(100);
+    Configure(stream);
+    EXPECT_EQ(Take(COUNT, 1).triggers[0], 0.0) << "the sentinel";
+}
+
 TEST_F(IQTest, StampsUnderPpsAreThoseOfTheSamples) {
     Open();
     instrument->SetGps(sim::GpsState::locked);
@@ -222,10 +238,11 @@ TEST_P(IQFaults, EndInTheirStatusAndTheNextStreamIsSound) {
     EXPECT_NEAR(20.0 * std::log10(tone.amplitude), -30.0, 0.5);
 }
 
-// Packet 708 is amid a read of 16.
-INSTANTIATE_TEST_SUITE_P(Kinds, IQFaults,
-                         ::testing::ValuesIn(FaultCases({.aux = 40, .packet = 708, .read = 40, .command = 40})),
-                         [](const auto& test) { return test.param.name; });
+// Packet 708 is amid a read of 16. Of framing the last packet has the say: all are wrong until the client has looked.
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, IQFaults,
+    ::testing::ValuesIn(FaultCases({.aux = 40, .wrong = 1000, .packet = 708, .read = 40, .command = 40})),
+    [](const auto& test) { return test.param.name; });
 
 TEST_F(IQTest, ModesFollowEachOtherInStep) {
     Open({Carrier(1.001e9, -30.0)});
