@@ -169,6 +169,17 @@ TEST_F(EngineSweepNarrowTest, ScaleDecidesOnTheGain) {
     }
 }
 
+// If each read waited out its time-out it would take over half a minute.
+TEST_F(EngineSweepNarrowTest, ALongCaptureOnASilentInstrumentEndsSoon) {
+    constexpr int READS = 150;
+    sim::SetTimeoutSlack({});
+    scripted->silent = true;
+    EngineSweepNarrow engine = MakeEngine(MakePlan(100.0, READS * 128));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(engine.GetSweep(nullptr, nullptr, nullptr), tqConnectionLostErr);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+}
+
 TEST_F(EngineSweepNarrowTest, FirstAuxPacketGivesStatusAndTime) {
     scripted->AuxInTurn(SweepStatusCases());
     EngineSweepNarrow engine = MakeEngine(MakePlan(4e6, 8));

@@ -196,6 +196,31 @@ TEST_F(EngineSweepTest, FullRingWaitsForTheOldestStep) {
     EXPECT_EQ(status, tqCPULimited);
 }
 
+// The first sweep, longer than the ring, finds the work threads asleep until it waits for them; the second one gives
+// them the time that they take.
+TEST_F(EngineSweepTest, ASlowSweepLeavesNoMarkOnAFastOne) {
+    constexpr int PKT_PER_STEP = 8300;
+    Plan plan = MakePlan(4, PKT_PER_STEP);
+    plan.setup.fftsPerStep = 1;
+    std::unique_ptr<EngineSweep> engine;
+    const std::vector<pid_t> threads = ThreadsOf([&] { engine = MakeEngine(plan); });
+    ASSERT_EQ(threads.size(), 3u) << "two work threads, then that of the USB";
+    scripted->render = [&](int64_t packet, Ipp16sc* dst) {
+        std::memset(dst, 0, PACKET_BYTES);
+        if (packet < plan.setup.Num8kPkts() || packet % 1000 != 0) return;
+        for (const std::size_t thread : {2, 0, 1}) WaitUntilBlocked(threads[thread]);
+    };
+    {
+        const HeldThreads held({threads[0], threads[1]});
+        sim::ClearSleeps();
+        EXPECT_EQ(engine->StartSweep(), tqNoError);
+        WaitUntil([] { return sim::Sleeps().count > 0; });
+    }
+    EXPECT_EQ(engine->FinishSweep(nullptr, nullptr, nullptr), tqCPULimited);
+    EXPECT_EQ(engine->StartSweep(), tqNoError);
+    EXPECT_EQ(engine->FinishSweep(nullptr, nullptr, nullptr), tqNoError);
+}
+
 TEST_F(EngineSweepTest, StartAndFinishKeepTheirOrder) {
     const Plan plan = MakePlan(9, 2);
     const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);

@@ -188,15 +188,17 @@ TEST_F(SweepPlanning, UartBytesLeadTheFirstStepAboveTheirFrequency) {
     TqSweepSettings settings;
     settings.start = 500e6;
     settings.stop = 3e9;
-    // Of two that lie between the same LO steps only the higher goes out; the last is out of reach.
-    const Planned plan = Plan(settings, {{0.0, 9}, {1e9, 1}, {2e9, 5}, {2e9 + 1e6, 2}, {14e9, 7}});
+    // Of two that lie between the same LO steps only the higher goes out; one at the RF of a step goes out at the next;
+    // the last is out of reach.
+    const Planned plan = Plan(settings, {{0.0, 9}, {1e9, 1}, {GetRFFreq(50), 4}, {2e9, 5}, {2e9 + 1e6, 2}, {14e9, 7}});
     std::vector<std::pair<int, uint32_t>> sent;
     for (size_t i = 0; i < plan.setup.stepInfo.size(); i++) {
         const uint32_t firstWord = plan.commands.cmds[512 * i];  // each step takes one block
         if (firstWord >> 24 == 0x27) sent.emplace_back(plan.setup.stepInfo[i].LOStep, firstWord);
     }
     // RFFreq of step n is 30.72 n - 23.04 MHz.
-    const std::vector<std::pair<int, uint32_t>> expected = {{17, 0x27000009}, {34, 0x27000001}, {66, 0x27000002}};
+    const std::vector<std::pair<int, uint32_t>> expected = {
+        {17, 0x27000009}, {34, 0x27000001}, {51, 0x27000004}, {66, 0x27000002}};
     EXPECT_EQ(sent, expected);
 }
 
