@@ -285,6 +285,36 @@ TEST_P(EngineRealTimePulses, APulseOfThePoiIsSeenAtItsLevelWhereverItLies) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, EngineRealTimePulses, ::testing::Values(1024, 8192));
 
+// Of a level that rises by a count every APART samples, while the accumulation stands still for one and a half of its
+// ring of spectra: one whole round is given up, and from there on every sample is seen, in order and once.
+TEST_F(EngineRealTimeTest, SpectraThatAreHeldUpAreGivenUpInWholeRounds) {
+    if (TOO_SLOW) GTEST_SKIP();
+    constexpr int SIZE = 1024, STEP = SIZE / 2, ROUND = 10240, APART = 2000, PORTION = 5;
+    constexpr int HELD = 3 * ROUND / 2 * STEP / XFER_SAMPLES;  // transfers
+    settings.window = tqWindowRect;
+    Hear([](int64_t n) { return Ipp16sc{static_cast<int16_t>(n / APART), 0}; });
+    instrument->SetPatience(std::chrono::minutes(1));
+    const std::vector<pid_t> threads = ThreadsOf([&] { StartWhole(SIZE); });
+    ASSERT_EQ(threads.size(), 3u) << "accumulation, transforms, USB";
+    {
+        // In portions that the store of samples has room for.
+        const HeldThreads held({threads[0]});
+        for (int sent = PORTION; sent <= HELD; sent += PORTION) {
+            instrument->Allow(sent);
+            WaitUntil([&] { return instrument->Passed() == sent; });
+            for (const std::size_t thread : {2, 1}) WaitUntilBlocked(threads[thread]);
+        }
+    }
+    for (int frame = 0; frame < 4; frame++) {
+        const auto levelAt = [&](int spectrum) { return static_cast<double>((ROUND + spectrum + 1) * STEP / APART); };
+        instrument->Allow(TransfersUntil(frame) + ROUND * STEP / XFER_SAMPLES + 1);
+        const Frame got = Get();
+        EXPECT_EQ(got.count, frame);
+        EXPECT_NEAR(std::sqrt(got.min[STEP]) * 32768.0f, levelAt(frame * perFrame), 1.0) << frame;
+        EXPECT_NEAR(std::sqrt(got.max[STEP]) * 32768.0f, levelAt((frame + 1) * perFrame - 1), 1.0) << frame;
+    }
+}
+
 TEST_F(EngineRealTimeTest, ACallerWaitsForAFrameAndIsWokenByTheEnd) {
     instrument->SetPatience(std::chrono::milliseconds(1500));  // no frame but what is allowed
     StartWhole(512);
