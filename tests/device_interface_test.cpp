@@ -8,10 +8,35 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <functional>
+#include <new>
 #include <vector>
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// Of the allocations of this size by this thread the nth from now on fails, once; 0: none.
+struct FailingAllocation {
+    std::size_t bytes;
+    int nth;
+};
+thread_local FailingAllocation failing = {};
+
+}  // namespace
+
+// Sanitizers bring allocators of their own, which nothing may stand in front of.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool CAN_FAIL = false;
+#else
+constexpr bool CAN_FAIL = true;
+[[gnu::noinline]] void* operator new(std::size_t bytes) {  // the library's delete frees what malloc gave
+    if (bytes == failing.bytes && failing.nth > 0 && --failing.nth == 0) throw std::bad_alloc();
+    if (void* const memory = std::malloc(bytes)) return memory;
+    throw std::bad_alloc();
+}
+#endif
 
 namespace {
 
@@ -169,6 +194,37 @@ TEST_F(DeviceInterfaceTest, FailedConnectionsSayHowAndHoldNothing) {
         ExpectDetached(device);
         EXPECT_EQ(Restarts(instrument), c.restarts);
         EXPECT_TRUE(bus.Use(instrument).HoldsNothing());
+        bus.Reset();
+    }
+}
+
+// Whatever is refused, nothing is held then, and the same object connects.
+TEST_F(DeviceInterfaceTest, MemoryThatIsMissingOnceIsNoHindranceLater) {
+    if (!CAN_FAIL) GTEST_SKIP();
+    constexpr std::size_t SLOT = USBBulkTransfer::MAX_XFER_SIZE;
+    const struct {
+        const char* name;
+        sim::Program program;
+        FailingAllocation fails;
+    } cases[] = {
+        {"first slot", sim::Program::run, {SLOT, 1}},
+        {"last slot", sim::Program::run, {SLOT, USB_XFER_SLOTS}},
+        {"record, under the boot program", sim::Program::boot, {FLASH_READ_BYTES, 1}},
+        {"first slot of the run program behind it", sim::Program::boot, {SLOT, USB_XFER_SLOTS + 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        fs::remove_all(CacheFile());
+        if (c.program == sim::Program::run) Cache(FactoryRecord());
+        sim::Instrument& instrument = PlugInstrument(c.program);
+        DeviceInterface device;
+        failing = c.fails;
+        EXPECT_EQ(device.Connect(SERIAL), tqAllocationErr);
+        EXPECT_EQ(failing.nth, 0);
+        ExpectDetached(device);
+        EXPECT_TRUE(bus.Use(instrument).HoldsNothing());
+        EXPECT_EQ(device.Connect(SERIAL), tqNoError);
+        device.Disconnect();
         bus.Reset();
     }
 }

@@ -276,6 +276,33 @@ TEST(CorrectionFilter, ValuesWithoutSenseGiveTheNeutralTaps) {
     check(data.iqFlatnessAmp[plane][9][3], {NOT_A_NUMBER, -INF, -1e30f});
 }
 
+// A peak of the third bin takes from the sum of the taps, by the sidelobe of their window. Halving the way between too
+// much and too little of it comes upon a sum of exactly 0 now and then, for which no level offset is finite.
+TEST(CorrectionFilter, TapsThatAddUpToNothingGiveTheNeutralOnes) {
+    TqCorrections c;
+    c.SetCurrentTemp(20.0f);
+    const Filter neutral = DesignAt(c, 10, 80);
+    auto& flatness = c.calData->iqFlatnessAmp[c.currTempIndex + 1][9];  // its weight is 1
+    int found = 0;
+    for (int i = 0; i < 300; i++) {
+        flatness[5] = -0.01f * static_cast<float>(i);
+        float low = -60.0f, high = -40.0f;
+        for (int halvings = 0; halvings < 24; halvings++) {
+            flatness[2] = (low + high) / 2;
+            const Filter filter = DesignAt(c, 10, 80);
+            ASSERT_TRUE(std::isfinite(filter.offset)) << i;
+            if (SameFilter(filter, neutral)) {
+                found++;
+                break;
+            }
+            float sum = 0.0f;
+            for (const Ipp32fc& tap : filter.taps) sum += tap.re;
+            (sum < 0.0f ? low : high) = flatness[2];
+        }
+    }
+    EXPECT_GT(found, 0);
+}
+
 TEST(LowFrequencyCurve, IsReadAtEachBinUpToItsEnd) {
     const struct {
         double start, binSize;

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -78,7 +79,9 @@ TEST_F(Device, SettersClampOrReject) {
     Check(d->SetSweepStartStop(3e9, 3e9), REJECTED, sweep.stop, 2e9);
     Check(d->SetSweepStartStop(-INF, 1e9), REJECTED, sweep.stop, 2e9);
     Check(d->SetSweepStartStop(1e9, 16e9), CLAMPED, sweep.stop, 15e9);
+    Check(d->SetSweepStartStop(16e9, 17e9), CLAMPED, sweep.start, 15e9);
     Check(d->SetSweepStartStop(100.0, 200.0), CLAMPED, sweep.start, 9000.0);
+    EXPECT_EQ(sweep.stop, 9000.0);
     Check(d->SetSweepCoupling(1e6, 1e5, 0.5), OK, sweep.vbw, 1e5);
     Check(d->SetSweepCoupling(0.0, 1.0, 1.0), REJECTED, sweep.rbw, 1e6);
     Check(d->SetSweepCoupling(1.0, NaN, 1.0), REJECTED, sweep.rbw, 1e6);
@@ -89,8 +92,11 @@ TEST_F(Device, SettersClampOrReject) {
 
     const TqRealTimeSettings& realTime = d->realTimeSettings;
     Check(d->SetRealTimeCenterSpan(2e9, 1e5), CLAMPED, realTime.span, 200000.0);
+    Check(d->SetRealTimeCenterSpan(INF, INF), CLAMPED, realTime.centerFreq, 15e9);
     Check(d->SetRealTimeCenterSpan(-INF, INF), CLAMPED, realTime.centerFreq, 9000.0);
+    EXPECT_EQ(realTime.span, 4e7);
     Check(d->SetRealTimeCenterSpan(1e9, NaN), REJECTED, realTime.centerFreq, 9000.0);
+    Check(d->SetRealTimeRBW(1999.0), CLAMPED, realTime.rbw, 2000.0);
     Check(d->SetRealTimeRBW(INF), CLAMPED, realTime.rbw, 1e6);
 
     Check(d->SetIQCenterFreq(-1.0), OK, d->iqSettings.centerFreq, -1.0);
@@ -100,11 +106,15 @@ TEST_F(Device, SettersClampOrReject) {
 
     const std::vector<TqIQSweepListStep>& steps = d->iqSweepListSettings.steps;
     EXPECT_EQ(d->SetIQSweepListSteps(5), OK);
+    Check(d->SetIQSweepListFreq(4, -INF), CLAMPED, steps[4].freq, 9000.0);
     Check(d->SetIQSweepListFreq(4, INF), CLAMPED, steps[4].freq, 15e9);
+    Check(d->SetIQSweepListAtten(4, -2), CLAMPED, steps[4].atten, -1);
     Check(d->SetIQSweepListFreq(4, NaN), REJECTED, steps[4].freq, 15e9);
     Check(d->SetIQSweepListAtten(4, 7), CLAMPED, steps[4].atten, 6);
     Check(d->SetIQSweepListRef(4, NaN), REJECTED, steps[4].atten, 6);
     Check(d->SetIQSweepListRef(4, -101.0), CLAMPED, steps[4].atten, -1);
+    EXPECT_EQ(steps[4].ref, -100.0);
+    Check(d->SetIQSweepListRef(4, INF), CLAMPED, steps[4].ref, MAX_REF_LEVEL_DBM);
     Check(d->SetIQSweepListSampleCount(4, 0xFFFFFFFF), CLAMPED, steps[4].samples, 2147483647.0);
     EXPECT_EQ(d->SetIQSweepListSampleCount(5, 1), REJECTED);
     EXPECT_EQ(d->SetIQSweepListSteps(1001), REJECTED);
@@ -115,12 +125,18 @@ TEST_F(Device, SettersClampOrReject) {
 
     const TqAudioSettings& audio = d->audioSettings;
     Check(d->SetAudioCenterFreq(1.0), CLAMPED, audio.center, 9000.0);
+    Check(d->SetAudioCenterFreq(INF), CLAMPED, audio.center, 15e9);
+    Check(d->SetAudioFilters(INF, 5000.0, 50.0), CLAMPED, audio.ifBandwidth, 250000.0);
     Check(d->SetAudioFilters(499.0, 5000.0, 50.0), CLAMPED, audio.ifBandwidth, 500.0);
+    Check(d->SetAudioFilters(5000.0, 999.0, 50.0), CLAMPED, audio.audioLpf, 1000.0);
     Check(d->SetAudioFilters(5000.0, INF, 50.0), CLAMPED, audio.audioLpf, 12000.0);
+    Check(d->SetAudioFilters(5000.0, 5000.0, 1001.0), CLAMPED, audio.audioHpf, 1000.0);
     Check(d->SetAudioFilters(5000.0, 5000.0, 10.0), CLAMPED, audio.audioHpf, 20.0);
     Check(d->SetAudioFilters(9000.0, 9000.0, NaN), REJECTED, audio.ifBandwidth, 5000.0);
+    Check(d->SetAudioFMDeemphasis(0.5), CLAMPED, audio.fmDeemphasis, 1.0);
     Check(d->SetAudioFMDeemphasis(101.0), CLAMPED, audio.fmDeemphasis, 100.0);
 
+    Check(d->SetIQFullBandLO(1.0), OK, d->iqFullBandLOFreq, 3.84e6);
     Check(d->SetIQFullBandLO(2e10), OK, d->iqFullBandLOFreq, 1.92e10);
     Check(d->SetIQFullBandLO(NaN), REJECTED, d->iqFullBandLOFreq, 1.92e10);
 }
@@ -232,6 +248,23 @@ TEST_F(Device, SidePortsSpeakTheirWordsAtAnOpenGateOnly) {
     const Words words = TakeWords();
     ASSERT_EQ(words.size(), 514u);
     EXPECT_EQ(Words(words.begin() + 511, words.end()), (Words{0x2900FFFF, 0x280000FF, 0x29000000}));
+}
+
+// The bytes of a sweep are kept whatever the port does, and go out while it is the UART of sweeps.
+TEST_F(Device, SweepsCarryTheirBytesAtTheUARTOfSweepsAlone) {
+    const auto device = BringUp();
+    const double freqs[] = {1e9};
+    const uint8_t data[] = {0x5A};
+    EXPECT_EQ(device->SetSweepGPIOSwitching(freqs, data), tqNoError);
+    EXPECT_EQ(device->SetSweepStartStop(0.9e9, 1.1e9), tqNoError);
+    for (const TqGPIOFunction port : {TqGPIOFunctionTrigIn, TqGPIOFunctionUARTSweep, TqGPIOFunctionUARTDirect}) {
+        EXPECT_EQ(device->Abort(), tqNoError);
+        EXPECT_EQ(device->SetGPIOPort(port), tqNoError);
+        EXPECT_EQ(device->Configure(tqModeSweeping), tqNoError);
+        TakeWords();
+        EXPECT_EQ(device->GetSweep(nullptr, nullptr, nullptr), tqNoError);
+        EXPECT_EQ(std::ranges::count(TakeWords(), 0x2700005Au), port == TqGPIOFunctionUARTSweep ? 1 : 0) << port;
+    }
 }
 
 TEST_F(Device, UARTRatesBecomeDividers) {
@@ -384,7 +417,7 @@ TEST_F(Device, StartsFromTheNewestTimebaseValue) {
         const TqGPSCalOnFile file{MAGIC_NUMBER, 1, date, value, {}};
         WriteLocalFile(SERIAL, "gps.bin", &file, sizeof file);
     };
-    const CalRecord record;
+    CalRecord record;
     TqBool holdover = tqTrue;
     uint32_t when = 0;
     EXPECT_EQ(Unattached()->lastCoarseTune, 32768);
@@ -400,6 +433,20 @@ TEST_F(Device, StartsFromTheNewestTimebaseValue) {
     EXPECT_EQ(Unattached(&record)->lastCoarseTune, 20001);
     EXPECT_EQ(Unattached(&record)->lastCoarseTuneNormalized, 20001);
     EXPECT_EQ(Unattached(&record, SERIAL + 1)->lastCoarseTune, 31000) << "the file is another instrument's";
+
+    // Of a history the last entry counts, at whatever date, and none but its own.
+    record.data->calDate = 1900000000;
+    record.data->timebaseCorr[1] = 31500;
+    for (const bool falls : {false, true}) {
+        record.data->timebaseTimestamps[0] = falls ? 1700000300 : 1700000100;
+        record.data->timebaseTimestamps[1] = falls ? 1700000100 : 1700000300;
+        WriteFile(1700000200, 20002);
+        EXPECT_EQ(Unattached(&record)->lastCoarseTune, falls ? 20002 : 31500);
+        EXPECT_EQ(Unattached(&record)->GetGPSHoldOverInfo(&holdover, nullptr), tqNoError);
+        EXPECT_EQ(holdover, falls ? tqTrue : tqFalse);
+        WriteFile(1700000000, 20003);
+        EXPECT_EQ(Unattached(&record)->lastCoarseTune, 31500) << "the file is older than both";
+    }
 }
 
 TEST_F(Device, LeavesADiscipliningInstrumentAlone) {
