@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <span>
 #include <utility>
@@ -74,20 +75,45 @@ std::string Record(UsbAddress address, const UsbIdentity& identity) {
 }
 
 bool IsListed(UsbAddress address) {
-    // Never undone: the library under test keeps the default context for the life of the process, too.
-    static const bool ready = libusb_init(nullptr) == LIBUSB_SUCCESS;
-    if (!ready) return false;
+    // Given back: a user of the default context who is left holding it would keep others from making it anew.
+    if (libusb_init(nullptr) != LIBUSB_SUCCESS) return false;
     libusb_device** list = nullptr;
     const ssize_t count = libusb_get_device_list(nullptr, &list);
-    if (count < 0) return false;
-    const bool found = std::any_of(list, list + count, [address](libusb_device* device) {
+    const bool found = std::any_of(list, list + std::max<ssize_t>(count, 0), [address](libusb_device* device) {
         return libusb_get_bus_number(device) == address.bus && libusb_get_device_address(device) == address.number;
     });
-    libusb_free_device_list(list, 1);
+    if (count >= 0) libusb_free_device_list(list, 1);
+    libusb_exit(nullptr);
     return found;
 }
 
 }  // namespace
+
+// While it lives the test bed sends its uevents to nobody: the sockets of the listeners are out of its sight. Null:
+// nothing happens.
+class Silence {
+public:
+    explicit Silence(UMockdevTestbed* bed) {
+        if (bed == nullptr) return;
+        const std::unique_ptr<char, decltype(&std::free)> root(umockdev_testbed_get_root_dir(bed), &std::free);
+        for (const auto& entry : std::filesystem::directory_iterator(root.get())) {
+            if (entry.path().filename().string().starts_with("event")) sockets.push_back(entry.path());
+        }
+        for (const auto& path : sockets) std::filesystem::rename(path, Hidden(path));
+    }
+    ~Silence() {
+        std::error_code gone;  // its listener has left
+        for (const auto& path : sockets) std::filesystem::rename(Hidden(path), path, gone);
+    }
+    Silence(const Silence&) = delete;
+    Silence& operator=(const Silence&) = delete;
+
+private:
+    static std::filesystem::path Hidden(const std::filesystem::path& path) {
+        return path.parent_path() / ("silent-" + path.filename().string());
+    }
+    std::vector<std::filesystem::path> sockets;
+};
 
 // sysfs and udev of the virtual bus.
 class TestBed : public PortOwner {
@@ -109,6 +135,7 @@ public:
 
     void Announce(UsbAddress address, const UsbIdentity& identity) override {
         const std::lock_guard held(lock);
+        const Silence silence(uevents ? nullptr : bed.get());
         Add(Record(address, identity));
         // The test bed's own uevent may have gone out before all files stood; libusb ignores a second one.
         umockdev_testbed_uevent(bed.get(), SysfsPath(address).c_str(), "add");
@@ -118,6 +145,7 @@ public:
 
     void Retire(UsbAddress address) override {
         const std::lock_guard held(lock);
+        const Silence silence(uevents ? nullptr : bed.get());
         umockdev_testbed_uevent(bed.get(), SysfsPath(address).c_str(), "remove");
         umockdev_testbed_remove_device(bed.get(), SysfsPath(address).c_str());
         announced.erase(address);
@@ -135,6 +163,11 @@ public:
     void AwaitChange(Clock::time_point until) {
         const std::lock_guard held(lock);
         changed.wait_until(lock, until);
+    }
+
+    void SetUevents(bool on) {
+        const std::lock_guard held(lock);
+        uevents = on;
     }
 
     // Removes the files. The process is about to exit.
@@ -155,6 +188,7 @@ private:
     std::condition_variable_any changed;
     std::unique_ptr<UMockdevTestbed, Unref> bed{umockdev_testbed_new()};
     std::map<UsbAddress, UsbIdentity> announced;
+    bool uevents = true;
     int next = 0;
 };
 
@@ -216,6 +250,7 @@ void Bus::Reset() {
     }
     for (const auto& port : dropped) port->Shutdown();
     SetMemoryLimit(0);
+    SetUevents(true);
 }
 
 void Bus::Inject(const BusDevice& device, const BusFault& fault) {
@@ -236,6 +271,8 @@ bool Bus::WaitListed(std::string_view serial, std::string_view product, std::chr
         bed->AwaitChange(std::min(until, Clock::now() + LISTING_PAUSE));
     }
 }
+
+void Bus::SetUevents(bool on) { bed->SetUevents(on); }
 
 void Bus::SetMemoryLimit(std::size_t bytes) { SetUsbfsMemoryLimit(bytes); }
 

@@ -88,8 +88,8 @@ struct BusUse {
 
 class Bus {
 public:
-    // The one bus of this process: libusb's default context is set up once and learns of arrivals and removals by
-    // uevents. The first call makes the test bed; from then on this process sees no other USB device.
+    // The one bus of this process: libusb's default context learns of arrivals and removals by uevents. The first call
+    // makes the test bed; from then on this process sees no other USB device.
     static Bus& Get();
 
     // Puts a device on the bus, and keeps it until Reset. On return libusb_get_device_list shows it: the uevent stands
@@ -101,8 +101,8 @@ public:
     void Unplug(const BusDevice& device);
     void Replug(const BusDevice& device);
 
-    // Unplugs and drops all devices, waits for their threads, and clears the memory limit. Descriptors that are still
-    // open stay valid and dead, until they are closed.
+    // Unplugs and drops all devices, waits for their threads, clears the memory limit and lets uevents flow.
+    // Descriptors that are still open stay valid and dead, until they are closed.
     void Reset();
 
     // Lays a fault in wait. Any number may wait; each counts its own matches.
@@ -118,6 +118,10 @@ public:
     // USBFS_MEMORY_LIMIT is what Linux sets.
     static constexpr std::size_t USBFS_MEMORY_LIMIT = 16 << 20;
     void SetMemoryLimit(std::size_t bytes);
+
+    // Off: devices come and go in sysfs and in /dev, and no uevent tells of it, as in a container without udev. A
+    // context of libusb that stands keeps its list, and a new one reads sysfs.
+    void SetUevents(bool on);
 
     // One device (all zero when the bus does not have it), and the sum over all devices plugged since the last Reset.
     BusUse Use(const BusDevice& device) const;

@@ -81,8 +81,6 @@ std::string Text(libusb_device_handle* handle, std::uint8_t index) {
 
 // Visits an open handle of each listed device that opens.
 void ForEachDevice(const std::function<void(Handle, const libusb_device_descriptor&)>& visit) {
-    static const int ready = libusb_init(nullptr);
-    ASSERT_EQ(ready, 0);
     libusb_device** list = nullptr;
     const ssize_t count = libusb_get_device_list(nullptr, &list);
     ASSERT_GE(count, 0);
@@ -171,7 +169,17 @@ private:
     bool inFlight = false;
 };
 
-class SimBus : public BusFixture {};
+class SimBus : public BusFixture {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(libusb_init(nullptr), 0);
+        BusFixture::SetUp();
+    }
+    void TearDown() override {
+        BusFixture::TearDown();
+        libusb_exit(nullptr);
+    }
+};
 
 TEST_F(SimBus, ListsWhatIsPluggedAtTheReturnOfEachCall) {
     Plug<LoopDevice>("00000001");
@@ -186,6 +194,15 @@ TEST_F(SimBus, ListsWhatIsPluggedAtTheReturnOfEachCall) {
     }
     bus.Reset();
     EXPECT_TRUE(Listing().empty());
+}
+
+TEST_F(SimBus, WithoutUeventsAContextKeepsItsList) {
+    LoopDevice& device = Plug<LoopDevice>("00000001");
+    bus.SetUevents(false);
+    Plug<LoopDevice>("00000002");
+    EXPECT_EQ(Listing().size(), 1u) << "the second is unheard of";
+    bus.Unplug(device);
+    EXPECT_TRUE(Listing().empty()) << "the first is listed, but does not open";
 }
 
 // A read that timed out has taken nothing, and a smaller one behind it passes.
