@@ -11,10 +11,13 @@
 #include <atomic>
 #include <charconv>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <set>
+#include <shared_mutex>
 #include <span>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -63,10 +66,41 @@ struct DeviceString {
     int length = 0;  // below 0: not readable
 };
 
+// libusb's default context, and what has to be known to make it anew. Static, and without a destructor: threads may
+// still list and close when main has returned.
+struct Context {
+    // Shared by whoever uses the context without an open handle; taken alone to make it anew.
+    std::shared_mutex users;
+    CriticalSection lock;
+    bool initialized TQ_GUARDED_BY(lock) = false;
+    std::atomic<int> openHandles = 0;
+    std::atomic<bool> restartSeen = false;  // an instrument was restarted, and this context need not know its return
+};
+static_assert(std::is_trivially_destructible_v<Context>);
+constinit Context context;
+
+// Makes the default context anew, so that it reads the bus afresh, if an instrument may have come back unseen: without
+// udev, as in containers, nobody tells libusb. Handles do not outlive their context, so none may be open. False: it is
+// as it was. Where the application holds the default context, too, libusb keeps it, and the list with it.
+bool RenewContext() {
+    const std::unique_lock alone(context.users);
+    if (context.openHandles > 0 || !context.restartSeen.exchange(false)) return false;
+    const Lock held(context.lock);
+    if (context.initialized) libusb_exit(nullptr);
+    context.initialized = libusb_init(nullptr) == 0;
+    return context.initialized;
+}
+
+// Looks for devices, and once more when none was found that may be there. look() is true when it has found something.
+template <typename Look>
+void LookTwice(Look look) {
+    if (!look() && RenewContext()) look();
+}
+
 // All devices on the bus.
 class DeviceList {
 public:
-    DeviceList() {
+    DeviceList() : use(context.users) {
         if (InitializeLIBUSB()) count = libusb_get_device_list(nullptr, &list);
     }
     ~DeviceList() {
@@ -80,14 +114,17 @@ public:
     }
 
 private:
+    std::shared_lock<std::shared_mutex> use;
     libusb_device** list = nullptr;
     ssize_t count = 0;
 };
 
-// Null for a device that does not open: another user's, or gone since.
+// Null for a device that does not open: another user's, or gone since. Its DeviceList lives.
 OwnedDeviceHandle Open(libusb_device* device) {
     libusb_device_handle* handle = nullptr;
-    return OwnedDeviceHandle(libusb_open(device, &handle) == 0 ? handle : nullptr);
+    if (libusb_open(device, &handle) != 0) return nullptr;
+    ++context.openHandles;
+    return OwnedDeviceHandle(handle);
 }
 
 struct OpenDevices {
@@ -95,19 +132,18 @@ struct OpenDevices {
     std::set<int> openDeviceList TQ_GUARDED_BY(lock);
 };
 
+// Never destroyed, as the context.
 OpenDevices& AllOpenDevices() {
-    static OpenDevices devices;
+    static OpenDevices& devices = *std::make_unique<OpenDevices>().release();
     return devices;
 }
 
 }  // namespace
 
 bool InitializeLIBUSB() {
-    static CriticalSection lock;
-    static bool initialized = false;
-    Lock held(lock);
-    if (!initialized) initialized = libusb_init(nullptr) == 0;
-    return initialized;
+    const Lock held(context.lock);
+    if (!context.initialized) context.initialized = libusb_init(nullptr) == 0;
+    return context.initialized;
 }
 
 uint16_t GetVID(DeviceHandle handle) { return Descriptor(handle).idVendor; }
@@ -153,48 +189,63 @@ bool IsUSBRunDevice(DeviceHandle handle) {
 
 void ClaimUSBInterface(DeviceHandle handle) { libusb_claim_interface(Native(handle), USB_INTERFACE); }
 void ReleaseUSBInterface(DeviceHandle handle) { libusb_release_interface(Native(handle), USB_INTERFACE); }
-void CloseUSBDevice(DeviceHandle handle) { libusb_close(Native(handle)); }
+
+void CloseUSBDevice(DeviceHandle handle) {
+    libusb_close(Native(handle));
+    --context.openHandles;
+}
 
 std::vector<int> GetAvailableDeviceSerialNumbers(const std::vector<int>& pids) {
     std::vector<int> serials;
-    const DeviceList list;
-    for (libusb_device* device : list.Devices()) {
-        const OwnedDeviceHandle handle = Open(device);
-        int serial = 0;
-        if (IsValidTarnwellUSBDevice(handle.get(), pids) && GetSerialNumberOfUSBDevice(handle.get(), serial) &&
-            !ManageDevices::IsOpen(serial)) {
-            serials.push_back(serial);
+    LookTwice([&] {
+        const DeviceList list;
+        for (libusb_device* device : list.Devices()) {
+            const OwnedDeviceHandle handle = Open(device);
+            int serial = 0;
+            if (IsValidTarnwellUSBDevice(handle.get(), pids) && GetSerialNumberOfUSBDevice(handle.get(), serial) &&
+                !ManageDevices::IsOpen(serial)) {
+                serials.push_back(serial);
+            }
         }
-    }
+        return !serials.empty();
+    });
     return serials;
 }
 
 std::vector<TQBootState> GetAllDevices() {
     std::vector<TQBootState> states;
-    const DeviceList list;
-    for (libusb_device* device : list.Devices()) {
-        const OwnedDeviceHandle handle = Open(device);
-        TQBootState state;
-        if (IsValidFx3Program(handle.get(), state.isRunProgram, state.deviceType) &&
-            GetSerialNumberOfUSBDevice(handle.get(), state.serialNumber) &&
-            !ManageDevices::IsOpen(state.serialNumber)) {
-            states.push_back(state);
+    LookTwice([&] {
+        const DeviceList list;
+        for (libusb_device* device : list.Devices()) {
+            const OwnedDeviceHandle handle = Open(device);
+            TQBootState state;
+            if (IsValidFx3Program(handle.get(), state.isRunProgram, state.deviceType) &&
+                GetSerialNumberOfUSBDevice(handle.get(), state.serialNumber) &&
+                !ManageDevices::IsOpen(state.serialNumber)) {
+                states.push_back(state);
+            }
         }
-    }
+        return !states.empty();
+    });
     return states;
 }
 
 DeviceHandle GetUSBDeviceHandleBySerial(int desiredSerial) {
-    const DeviceList list;
-    for (libusb_device* device : list.Devices()) {
-        OwnedDeviceHandle handle = Open(device);
-        int serial = 0;
-        if (handle != nullptr && GetPID(handle.get()) == TQ720_PRODUCT_ID &&
-            GetSerialNumberOfUSBDevice(handle.get(), serial) && serial == desiredSerial) {
-            return handle.release();
+    OwnedDeviceHandle found;
+    LookTwice([&] {
+        const DeviceList list;
+        for (libusb_device* device : list.Devices()) {
+            OwnedDeviceHandle handle = Open(device);
+            int serial = 0;
+            if (handle != nullptr && GetPID(handle.get()) == TQ720_PRODUCT_ID &&
+                GetSerialNumberOfUSBDevice(handle.get(), serial) && serial == desiredSerial) {
+                found = std::move(handle);
+                return true;
+            }
         }
-    }
-    return nullptr;
+        return false;
+    });
+    return found.release();
 }
 
 void ManageDevices::Open(int serialNumber) {
@@ -217,6 +268,7 @@ void ManageDevices::Close(int serialNumber) {
 
 bool PresetUSBDevice(DeviceHandle handle) {
     long none = 0;
+    context.restartSeen = true;
     return WriteCtrlEndpoint(handle, REQ_RESTART, nullptr, none);
 }
 
@@ -266,6 +318,7 @@ TqStatus ExecuteBootToRunSequence(int serialNumber) {
     TqStatus status = device.ConnectBoot(handle.get());
     if (status != tqNoError) return status;
     static_cast<void>(handle.release());
+    context.restartSeen = true;
     status = device.BootToRun();
     if (status != tqNoError) return status;
     SystemSleep(USB_RESTART_MS);

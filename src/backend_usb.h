@@ -1,8 +1,7 @@
 // The USB backend, the one unit that calls libusb: it finds instruments, reads what they say of themselves, does the
-// vendor control requests and gives DeviceInterface its transfer slots. Listing, opening and closing are calls of the
-// application's thread; a slot belongs to one thread at a time, but many threads can wait in different slots at once.
-// There is no event thread: whoever waits for a transfer pumps the events of all. Nothing here throws but
-// std::bad_alloc, and nothing prints.
+// vendor control requests and gives DeviceInterface its transfer slots. Any thread may list, open and close; a slot
+// belongs to one thread at a time, but many threads can wait in different slots at once. There is no event thread:
+// whoever waits for a transfer pumps the events of all. Nothing here throws but std::bad_alloc, and nothing prints.
 #pragma once
 
 #include <cstdint>
@@ -100,7 +99,9 @@ struct USBDeviceCloser {
 using OwnedDeviceHandle = std::unique_ptr<void, USBDeviceCloser>;
 
 // Serial numbers, in libusb's order, of the attached instruments with these product ids that this process has not open.
-// Opens every USB device on the machine for a moment; claims none and writes to none. Empty if libusb fails.
+// Opens every USB device on the machine for a moment; claims none and writes to none. Empty if libusb fails. When this
+// or one of the next two finds nothing behind a restart of an instrument, and no handle is open, libusb's context is
+// made anew for a second look: without udev nobody tells it who has come back.
 std::vector<int> GetAvailableDeviceSerialNumbers(const std::vector<int>& pids);
 
 // All attached devices that carry the product string of either program and that this process has not open.

@@ -2,6 +2,7 @@
 
 #include "tests/bus_fixture.h"
 #include "tests/usb_gadget.h"
+#include "tq_lib.h"
 
 #include <libusb.h>
 
@@ -250,6 +251,36 @@ TEST(USBBulkTransferDeathTest, TransferLargerThanItsSlotIsOurMistake) {
     USBBulkTransfer slot(0, nullptr, USBEndpointTypeData, READ_BYTES);
     EXPECT_DEATH(slot.BeginDataXfer(READ_BYTES + 1, 100), "size");
     EXPECT_DEATH(slot.BeginDataXfer(-1, 100), "size");
+}
+
+// Other threads list and open while an instrument is restarted and looked for, unseen by udev.
+TEST_F(BackendUsb, ListingsAndNewContextsOverlap) {
+    sim::InstrumentOptions options;
+    options.serial = SERIAL;
+    Plug(options);
+    bus.SetUevents(false);
+    std::atomic<bool> done{false};
+    const auto list = [&done] {
+        while (!done) {
+            GetAvailableDeviceSerialNumbers({TQ720_PRODUCT_ID});
+            const OwnedDeviceHandle handle(GetUSBDeviceHandleBySerial(SERIAL));
+            ManageDevices::IsOpen(GetVID(handle.get()));
+        }
+    };
+    std::thread first(list), second(list);
+    int restarts = 0;
+    const uint64_t start = GetSystemTicks();
+    while (restarts < 20 && GetSystemTicks() - start < 20000) {
+        const OwnedDeviceHandle handle(GetUSBDeviceHandleBySerial(SERIAL));
+        if (handle == nullptr) continue;  // another thread had one when it was looked for
+        PresetUSBDevice(handle.get());
+        SystemSleep(USB_RESTART_MS);
+        ++restarts;
+    }
+    done = true;
+    first.join();
+    second.join();
+    EXPECT_EQ(restarts, 20);
 }
 
 // Two devices, a thread each, many slots in flight: whichever thread pumps, every transfer ends at its own waiter, in

@@ -309,6 +309,22 @@ TEST_F(DeviceInterfaceTest, FlashPagesUnderTheBootProgram) {
     EXPECT_EQ(read, untouched);
 }
 
+// Without uevents libusb's list stays as it was when its context was made, and that must wait for the last handle.
+TEST_F(DeviceInterfaceTest, InstrumentIsFoundBehindItsRestartsWithoutUevents) {
+    PlugInstrument(sim::Program::run);
+    PlugKnown(1);
+    DeviceInterface device;
+    OwnedDeviceHandle other(GetUSBDeviceHandleBySerial(1));
+    bus.SetUevents(false);
+    EXPECT_EQ(device.Connect(SERIAL), tqBootErr);
+    other.reset();
+    EXPECT_EQ(device.Connect(SERIAL), tqNoError) << "back in its boot program since";
+    EXPECT_TRUE(device.PresetDevice());
+    device.Disconnect();
+    EXPECT_EQ(GetAvailableDeviceSerialNumbers({TQ720_PRODUCT_ID}).size(), 1u) << "one that is listed is enough";
+    EXPECT_EQ(device.Connect(SERIAL), tqNoError);
+}
+
 TEST_F(DeviceInterfaceTest, AttachesOnceAndRestartsOnlyWhenConnected) {
     sim::Instrument& instrument = PlugInstrument(sim::Program::boot);
     DeviceInterface device;
