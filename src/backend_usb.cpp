@@ -187,7 +187,9 @@ bool IsUSBRunDevice(DeviceHandle handle) {
     return IsValidFx3Program(handle, isRunProgram, deviceType) && isRunProgram;
 }
 
-void ClaimUSBInterface(DeviceHandle handle) { libusb_claim_interface(Native(handle), USB_INTERFACE); }
+bool ClaimUSBInterface(DeviceHandle handle) {
+    return libusb_claim_interface(Native(handle), USB_INTERFACE) != LIBUSB_ERROR_BUSY;
+}
 void ReleaseUSBInterface(DeviceHandle handle) { libusb_release_interface(Native(handle), USB_INTERFACE); }
 
 void CloseUSBDevice(DeviceHandle handle) {

@@ -87,8 +87,9 @@ bool IsValidFx3Program(DeviceHandle handle, bool& isRunProgram, TqDeviceType& de
 bool IsUSBBootDevice(DeviceHandle handle);
 bool IsUSBRunDevice(DeviceHandle handle);
 
-// Interface 0. A claim that fails shows in the first transfer.
-void ClaimUSBInterface(DeviceHandle handle);
+// Interface 0. False: another handle has it, of whatever program. Any other failure of the claim shows in the first
+// transfer.
+bool ClaimUSBInterface(DeviceHandle handle);
 void ReleaseUSBInterface(DeviceHandle handle);
 void CloseUSBDevice(DeviceHandle handle);
 

@@ -35,6 +35,7 @@ DeviceInterface::~DeviceInterface() { Disconnect(); }
 
 bool DeviceInterface::AllocateResources(DeviceHandle handle) {
     if (deviceConnected || handle == nullptr || usbHandle != nullptr) return false;
+    if (!Claim(handle)) return false;
 
     // Whatever can throw comes first, so that a failure leaves nothing to undo.
     SlotArray newCmdXfers;
@@ -53,8 +54,12 @@ bool DeviceInterface::AllocateResources(DeviceHandle handle) {
     serialNumber = serial;
     cmdXfers = std::move(newCmdXfers);
     dataXfers = std::move(newDataXfers);
-    ClaimUSBInterface(handle);
     return true;
+}
+
+bool DeviceInterface::Claim(DeviceHandle handle) {
+    ownedElsewhere = !ClaimUSBInterface(handle);
+    return !ownedElsewhere;
 }
 
 TqStatus DeviceInterface::Connect(int targetSerial) {
@@ -75,7 +80,8 @@ TqStatus DeviceInterface::ConnectAttached(int targetSerial) {
         if (GetCachedCalibration(targetSerial)) {
             ValidateCalibration();
         } else {
-            // Only the boot program reads the flash.
+            // Only the boot program reads the flash. Its owner elsewhere must not lose the instrument.
+            if (!Claim(handle.get())) return tqDeviceNotFoundErr;
             PresetUSBDevice(handle.get());
             SystemSleep(USB_RESTART_MS);
             handle.reset();

@@ -30,14 +30,15 @@ public:
     DeviceInterface& operator=(const DeviceInterface&) = delete;
 
     // Attaches to an open device: claims it, makes the slots, marks its serial number as open. True: the handle now
-    // belongs to this object. False: the handle is null or this object is attached already. May throw
-    // std::bad_alloc; then, too, nothing has changed and the handle is still the caller's.
+    // belongs to this object. False: the handle is null, this object is attached already, or another program has
+    // claimed the instrument. May throw std::bad_alloc; then, too, the handle is still the caller's, and but for its
+    // claim nothing has changed.
     bool AllocateResources(DeviceHandle handle);
 
     // Brings the instrument from either program to its run program, with the calibration record in calMem and the
     // data stream aligned. Blocks: well under a second with a cached record, 13 s and more through the boot program.
     // On failure the object is detached:
-    //   tqDeviceNotFoundErr  not attached to the machine
+    //   tqDeviceNotFoundErr  not attached to the machine, or another program has claimed it: ownedElsewhere
     //   tqBootErr            did not reach its run program
     //   tqConnectionLostErr  flash not readable, or no aligned stream; in the latter case the instrument was restarted
     //   tqAllocationErr      no memory for the slots
@@ -114,6 +115,7 @@ public:
     bool ownedElsewhere = false;   // another process has the instrument: Connect left it alone
     DeviceHandle usbHandle = nullptr;
     bool deviceConnected = false;
+    bool ownedElsewhere = false;  // the last claim found that another handle has the instrument
     int serialNumber = -1;
     SlotArray cmdXfers;
     SlotArray dataXfers;
@@ -121,6 +123,7 @@ public:
 
 private:
     TqStatus ConnectAttached(int targetSerial);
+    bool Claim(DeviceHandle handle);
     bool LoadCalibration();
     bool GetCachedCalibration(int serial);
     void ValidateCalibration();

@@ -43,13 +43,14 @@ TqStatus OpenBootDevice(OwnedDeviceHandle handle, int* bootHandle) {
     return tqNoError;
 }
 
-// The program of the instrument must not have been brought down under an owner in this process.
+// The program of the instrument must not be brought down under an owner in this process or in another.
 TqStatus OpenBootDeviceBySerial(int* bootHandle, int serialNumber) {
     SerialReservation serial(serialNumber);
     if (!serial.Got()) return tqDeviceNotFoundErr;
     OwnedDeviceHandle handle(GetUSBDeviceHandleBySerial(serialNumber));
     if (handle == nullptr) return tqDeviceNotFoundErr;
     if (IsUSBRunDevice(handle.get())) {
+        if (!ClaimUSBInterface(handle.get())) return tqDeviceNotFoundErr;
         PresetUSBDevice(handle.get());
         SystemSleep(USB_RESTART_MS);
         handle.reset();

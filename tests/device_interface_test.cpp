@@ -309,6 +309,30 @@ TEST_F(DeviceInterfaceTest, FlashPagesUnderTheBootProgram) {
     EXPECT_EQ(read, untouched);
 }
 
+// Of another program, which for the kernel is any other descriptor.
+TEST_F(DeviceInterfaceTest, InstrumentThatIsClaimedElsewhereIsLeftAlone) {
+    for (const sim::Program program : {sim::Program::run, sim::Program::boot}) {
+        for (const bool cached : {false, true}) {
+            SCOPED_TRACE(cached);
+            if (cached) Cache(FactoryRecord());
+            sim::Instrument& instrument = PlugInstrument(program);
+            OwnedDeviceHandle owner(GetUSBDeviceHandleBySerial(SERIAL));
+            EXPECT_TRUE(ClaimUSBInterface(owner.get()));
+            DeviceInterface device;
+            EXPECT_EQ(device.Connect(SERIAL), tqDeviceNotFoundErr);
+            EXPECT_TRUE(device.ownedElsewhere);
+            ExpectDetached(device);
+            EXPECT_EQ(bus.Use(instrument).controlWrites + bus.Use(instrument).bulkOut + bus.Use(instrument).bulkIn, 0);
+            owner.reset();
+            EXPECT_EQ(device.Connect(SERIAL), tqNoError);
+            EXPECT_FALSE(device.ownedElsewhere);
+            device.Disconnect();
+            bus.Reset();
+            fs::remove_all(CacheFile());
+        }
+    }
+}
+
 // Without uevents libusb's list stays as it was when its context was made, and that must wait for the last handle.
 TEST_F(DeviceInterfaceTest, InstrumentIsFoundBehindItsRestartsWithoutUevents) {
     PlugInstrument(sim::Program::run);

@@ -179,6 +179,20 @@ TEST_F(Service, OpensOnlyWhatIsFreeAndInItsBootProgram) {
     EXPECT_EQ(tqBootOpenDeviceBySerial(&handle, 3), NOT_FOUND) << "never comes back from its restart";
 }
 
+TEST_F(Service, BootProgramIsNotForcedOnAnInstrumentThatIsClaimedElsewhere) {
+    sim::Instrument& instrument = PlugKnown(SERIAL);
+    OwnedDeviceHandle owner(GetUSBDeviceHandleBySerial(SERIAL));
+    ClaimUSBInterface(owner.get());
+    int handle = -1;
+    EXPECT_EQ(tqBootOpenDeviceBySerial(&handle, SERIAL), NOT_FOUND);
+    EXPECT_EQ(bus.Use(instrument).controlWrites, 0);
+    owner.reset();
+
+    bus.SetUevents(false);
+    OpenBoot();
+    EXPECT_EQ(OpenToRun(), 0) << "found again, too, where no uevent tells of its restarts";
+}
+
 TEST_F(Service, AFullUpdateChangesTheFourAreasAndNothingElse) {
     sim::Instrument& instrument = PlugKnown(SERIAL);
     instrument.PlaceFlash(0, Fx3Image({.serial = "12345678", .version = 0x0101}).Padded());
