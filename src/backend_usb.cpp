@@ -192,6 +192,10 @@ bool ClaimUSBInterface(DeviceHandle handle) {
 }
 void ReleaseUSBInterface(DeviceHandle handle) { libusb_release_interface(Native(handle), USB_INTERFACE); }
 
+void ClearEndpointHalts(DeviceHandle handle) {
+    for (const uint8_t endpoint : {BULK_OUT_ENDPOINT, BULK_IN_ENDPOINT}) libusb_clear_halt(Native(handle), endpoint);
+}
+
 void CloseUSBDevice(DeviceHandle handle) {
     libusb_close(Native(handle));
     --context.openHandles;

@@ -91,6 +91,8 @@ bool IsUSBRunDevice(DeviceHandle handle);
 // transfer.
 bool ClaimUSBInterface(DeviceHandle handle);
 void ReleaseUSBInterface(DeviceHandle handle);
+// Lets both bulk endpoints go on behind a stall: an endpoint stays halted, whoever closes and opens the device.
+void ClearEndpointHalts(DeviceHandle handle);
 void CloseUSBDevice(DeviceHandle handle);
 
 struct USBDeviceCloser {

@@ -54,6 +54,7 @@ bool DeviceInterface::AllocateResources(DeviceHandle handle) {
     serialNumber = serial;
     cmdXfers = std::move(newCmdXfers);
     dataXfers = std::move(newDataXfers);
+    ClearEndpointHalts(handle);
     return true;
 }
 

@@ -61,16 +61,15 @@ protected:
         fault.strike(*instrument, bus);
     }
 
-    // Behind a fault that lost the link: without faults and at its first temperature, unplugged, plugged, opened anew.
-    // It kept its supply, and with it what was asked of it and not read.
+    // Behind a fault that lost the link: without faults and at its first temperature, closed and opened anew, and
+    // plugged again if it was unplugged. It kept its supply, and with it what was asked of it and not read.
     void Reopen() {
         instrument->faults().Clear();
         instrument->SetTemperature(sim::InstrumentOptions().temperatureC);
         bus.ClearFaults(*instrument);
         CloseDevice();
         sim::SetTimeoutSlack(TIMEOUT_SLACK);
-        bus.Unplug(*instrument);
-        bus.Replug(*instrument);
+        bus.Replug(*instrument);  // if it has gone
         OpenDevice();
     }
 
@@ -116,6 +115,7 @@ inline std::vector<FaultCase> FaultCases(const FaultPlaces& at, const std::vecto
         BusFault("RefusedRead", {refuse, bulkIn, at.read, ENOMEM}),
         BusFault("RefusedCommand", {refuse, bulkOut, at.command, EIO}),
         BusFault("StalledCommand", {stall, bulkOut, at.command}),
+        BusFault("CutCommand", {shortTransfer, bulkOut, at.command, 0, 1000}),
         BusFault("UnpluggedAtARead", {unplug, bulkIn, at.read}),
         BusFault("UnpluggedAtACommand", {unplug, bulkOut, at.command}),
     };
