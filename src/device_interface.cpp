@@ -16,8 +16,9 @@ constexpr int FLASH_ERASE_MS = 2000;
 constexpr int ALIGN_TIMEOUT_MS = 100;
 constexpr int ALIGN_ATTEMPTS = 16;
 // What a process that died in the middle of a capture can have left behind is some 64 MiB: 32 blocks of one fetch of
-// 255 packets. 512 MiB, two seconds at full rate, is far beyond that.
+// 255 packets. 512 MiB, two seconds at full rate, is far beyond that; an instrument that dribbles has 5 s.
 constexpr int MAX_DRAIN_READS = 512 * 1024 * 1024 / XFER_UNIT_BYTES;
+constexpr uint64_t MAX_DRAIN_MS = 5000;
 
 constexpr uint8_t ERASED = 0xFF;
 
@@ -148,24 +149,16 @@ bool DeviceInterface::AlignXfers() {
     fetchOne.StartNewCommand();
     fetchOne.AddFetchAux(1);
 
-    aligning = true;
-    const bool aligned = Drain() && CompleteUnit(fetchOne);
-    aligning = false;
-    return aligned;
-}
-
-// Reads until the instrument falls silent. False: it does not.
-bool DeviceInterface::Drain() {
-    int drained = 0;
-    while (!FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS).timeout) {
-        if (++drained == MAX_DRAIN_READS) return false;
+    // Whatever ends a read here is no lost link, not even for the next read.
+    const uint64_t start = GetSystemTicks();
+    bool silent = false;
+    for (int drained = 0; !silent; ++drained) {
+        if (drained == MAX_DRAIN_READS || GetSystemTicks() - start >= MAX_DRAIN_MS) return false;
+        silent = FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS).timeout;
+        ClearTransferStatus();
     }
-    ClearTransferStatus();
-    return true;
-}
 
-// The instrument hands over whole units of four packets, so only a packet that completes a unit ends a read.
-bool DeviceInterface::CompleteUnit(TqCommand& fetchOne) {
+    // The instrument hands over whole units of four packets, so only a packet that completes a unit ends a read.
     for (int attempt = 1; attempt <= ALIGN_ATTEMPTS; ++attempt) {
         if (!SendCommands(fetchOne)) return false;
         const DMAXferStatus read = FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS);

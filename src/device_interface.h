@@ -56,7 +56,7 @@ public:
     bool PresetDevice();
 
     // Brings the host's reads and the instrument's packets into step. False: the instrument does not answer, or does
-    // not fall silent. Clears the transfer status behind its reads, whose time-outs are its signal.
+    // not fall silent within 5 s. Clears the transfer status behind its reads, whose time-outs are its signal.
     bool AlignXfers();
 
     bool IsConnected() const { return deviceConnected; }
@@ -127,13 +127,10 @@ private:
     bool LoadCalibration();
     bool GetCachedCalibration(int serial);
     void ValidateCalibration();
-    bool Drain();
-    bool CompleteUnit(TqCommand& fetchOne);
     bool MayBegin() const;
     static USBBulkTransfer& Slot(SlotArray& slots, int slot);
     DMAXferStatus FinishXfer(USBBulkTransfer& xfer);
 
-    bool aligning = false;  // AlignXfers reads on behind its time-outs
     std::atomic<bool> lastWords = false;
     std::atomic<bool> unheard = false;  // last words have failed
 };

@@ -281,6 +281,24 @@ TEST_F(DeviceInterfaceTest, EndpointThatNeverFallsSilentFailsTheConnection) {
     ExpectDetached(device);
 }
 
+// A unit every 90 ms never lets a read of the drain time out.
+TEST_F(DeviceInterfaceTest, AlignmentWaitsFiveSecondsForSilence) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    Clock::time_point next = start;
+    gadget->onBulkIn = [&](std::span<uint8_t> dst) {
+        const Clock::time_point now = Clock::now();
+        if (now < next) return sim::BulkInResult{.retryAt = next};
+        if (now > start + 8s) return sim::BulkInResult{};  // the end of a test that has failed
+        next = now + 90ms;
+        return UsbGadget::Done(dst);
+    };
+    DeviceInterface device;
+    Attach(device);
+    EXPECT_FALSE(device.AlignXfers());
+    EXPECT_LT(Clock::now() - start, 7s);
+}
+
 TEST_F(DeviceInterfaceTest, FlashPagesUnderTheBootProgram) {
     constexpr uint16_t PAGE = 2048;
     sim::Instrument& instrument = PlugInstrument(sim::Program::boot);
