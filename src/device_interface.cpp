@@ -15,6 +15,7 @@ constexpr int FLASH_ERASE_MS = 2000;
 
 constexpr int ALIGN_TIMEOUT_MS = 100;
 constexpr int ALIGN_ATTEMPTS = 16;
+constexpr int UNIT_PACKETS = 4;  // fetches of one packet that complete a read
 // What a process that died in the middle of a capture can have left behind is some 64 MiB: 32 blocks of one fetch of
 // 255 packets. 512 MiB, two seconds at full rate, is far beyond that; an instrument that dribbles has 5 s.
 constexpr int MAX_DRAIN_READS = 512 * 1024 * 1024 / XFER_UNIT_BYTES;
@@ -108,7 +109,10 @@ TqStatus DeviceInterface::ConnectAttached(int targetSerial) {
     if (!AllocateResources(handle.get())) return tqDeviceNotFoundErr;
     static_cast<void>(handle.release());
     deviceConnected = true;
-    if (AlignXfers()) return tqNoError;
+    int fetches = Align();
+    // More than a unit takes: answers came late, and those to the last fetches still come.
+    if (fetches > UNIT_PACKETS) fetches = Align();
+    if (fetches > 0) return tqNoError;
     PresetDevice();
     Disconnect();
     return tqConnectionLostErr;
@@ -144,28 +148,32 @@ bool DeviceInterface::PresetDevice() {
     return true;
 }
 
-bool DeviceInterface::AlignXfers() {
+bool DeviceInterface::AlignXfers() { return Align() > 0; }
+
+// AlignXfers. The number of fetches that it took; 0: it failed.
+int DeviceInterface::Align() {
     TqCommand fetchOne;
     fetchOne.StartNewCommand();
     fetchOne.AddFetchAux(1);
 
     // Whatever ends a read here is no lost link, not even for the next read.
+    ClearTransferStatus();
     const uint64_t start = GetSystemTicks();
     bool silent = false;
     for (int drained = 0; !silent; ++drained) {
-        if (drained == MAX_DRAIN_READS || GetSystemTicks() - start >= MAX_DRAIN_MS) return false;
+        if (drained == MAX_DRAIN_READS || GetSystemTicks() - start >= MAX_DRAIN_MS) return 0;
         silent = FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS).timeout;
         ClearTransferStatus();
     }
 
     // The instrument hands over whole units of four packets, so only a packet that completes a unit ends a read.
     for (int attempt = 1; attempt <= ALIGN_ATTEMPTS; ++attempt) {
-        if (!SendCommands(fetchOne)) return false;
+        if (!SendCommands(fetchOne)) return 0;
         const DMAXferStatus read = FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS);
         ClearTransferStatus();
-        if (!read.timeout) return attempt < ALIGN_ATTEMPTS;
+        if (!read.timeout) return attempt < ALIGN_ATTEMPTS ? attempt : 0;
     }
-    return false;
+    return 0;
 }
 
 const TQ720CalData* DeviceInterface::CalData() const { return AsCalData(calMem); }

@@ -112,7 +112,6 @@ public:
 
     std::vector<uint8_t> calMem;   // sizeof(TQ720CalData) bytes; all 0xFF: no calibration
     bool checkSumInvalid = false;  // the record in calMem failed its validation
-    bool ownedElsewhere = false;   // another process has the instrument: Connect left it alone
     DeviceHandle usbHandle = nullptr;
     bool deviceConnected = false;
     bool ownedElsewhere = false;  // the last claim found that another handle has the instrument
@@ -124,6 +123,7 @@ public:
 private:
     TqStatus ConnectAttached(int targetSerial);
     bool Claim(DeviceHandle handle);
+    int Align();
     bool LoadCalibration();
     bool GetCachedCalibration(int serial);
     void ValidateCalibration();

@@ -34,8 +34,9 @@ namespace {
 constexpr int POWER_UP_MS = 50;        // the front end settles after its start-up words
 constexpr int AUX_XFER_BYTES = 32768;  // smallest unit of the data endpoint: four packets
 constexpr int AUX_XFER_TIMEOUT_MS = 2000;
-constexpr int GPS_WORDS_PER_BLOCK = CMD_SIZE_WORDS / 2;  // each takes two command words
-constexpr int TIMEBASE_MOVE_TICKS = 7;                   // smaller moves of the GPS discipline are not worth a file
+constexpr uint64_t MAX_FETCH_TICKS = 122880 * POWER_UP_MS / 2;  // from the first to the last packet of a fetch
+constexpr int GPS_WORDS_PER_BLOCK = CMD_SIZE_WORDS / 2;         // each takes two command words
+constexpr int TIMEBASE_MOVE_TICKS = 7;  // smaller moves of the GPS discipline are not worth a file
 
 // Limits of the setters that clamp; frequencies are limited by MIN_FREQ_HZ and MAX_FREQ_HZ.
 constexpr double MAX_VBW_RATIO = 10000.0;  // RBW to VBW
@@ -89,6 +90,17 @@ TqDevice::TqDevice(std::unique_ptr<DeviceInterface> interface) : usb(std::move(i
 TqDevice::~TqDevice() = default;
 
 TqStatus TqDevice::InitializeDevice() {
+    if (!BringUp() && !(usb->AlignXfers() && BringUp())) {
+        usb->PresetDevice();
+        return tqConnectionLostErr;
+    }
+    return usb->checkSumInvalid ? tqInvalidCalData : tqNoError;
+}
+
+// Starts the front end up and refreshes the aux data. False: what came is not the answer to this fetch, since host and
+// instrument are out of step. Bytes left of a packet move the magic number; whole packets left over were made before
+// the start-up words and the wait behind them. A failed transfer says nothing of the step and shows at the next call.
+bool TqDevice::BringUp() {
     std::array<uint32_t, TQ720_CONFIG_MAX_WORDS> words;
     TqCommand startUp;
     startUp.StartNewCommand();
@@ -103,8 +115,13 @@ TqStatus TqDevice::InitializeDevice() {
     SendDirect(reference);
     SendGPSDOCommand();
     WriteTimebase(lastCoarseTuneNormalized);
-    UpdateAuxData();
-    return usb->checkSumInvalid ? tqInvalidCalData : tqNoError;
+    if (UpdateAuxData() != tqNoError) return true;
+
+    std::array<AuxData, AUX_XFER_BYTES / sizeof(AuxData)> unit;
+    std::memcpy(unit.data(), usb->dataXfers[0]->DataPtr(), sizeof unit);
+    const AuxData& last = unit.back();
+    const bool isAux = last.magicNumber == AUX_MAGIC_NUMBER;
+    return !hasFramingErr && (!isAux || last.MainCounter() - unit.front().MainCounter() < MAX_FETCH_TICKS);
 }
 
 TqStatus TqDevice::CloseDevice() {

@@ -64,7 +64,8 @@ public:
     // --- Lifecycle and modes ---
 
     // First bring-up after the connection, 50 ms and more. tqInvalidCalData: usable, but the calibration record
-    // failed its check. A failed transfer shows at the next call that reads the transfer status.
+    // failed its check. tqConnectionLostErr: host and instrument are out of step, and the instrument was restarted. A
+    // failed transfer shows at the next call that reads the transfer status.
     TqStatus InitializeDevice();
 
     // Stops the engine and puts the instrument in standby. tqNoError whatever the instrument answered. Whoever still
@@ -294,6 +295,7 @@ private:
     TqIQSweepListStep* SweepListStep(int step);
     void ClearLowFreqCurve();
     bool AuxDataIsDue() const;
+    bool BringUp();
     TqStatus UpdateDeviceTimebase();
     TqStatus SendGPSDOCommand();
     TqStatus SendDirect(TqCommand& command);

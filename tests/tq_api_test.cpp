@@ -1,5 +1,6 @@
 #include "tq_api.h"
 
+#include "device_interface.h"
 #include "device_support.h"
 #include "tq_device.h"
 
@@ -7,6 +8,7 @@
 
 #include <array>
 #include <cmath>
+#include <deque>
 #include <iterator>
 #include <limits>
 #include <set>
@@ -285,6 +287,88 @@ TEST_F(Frame, NineInstrumentsAndThenTheFreedHandle) {
     int serial = 0;
     EXPECT_EQ(tqGetSerialNumber(4, &serial), tqNoError);
     EXPECT_EQ(serial, 10);
+}
+
+// Takes commands, and so answers, late.
+class LateInstrument : public sim::Instrument {
+public:
+    using sim::Instrument::Instrument;
+
+    int BulkOut(std::uint8_t endpoint, std::span<const std::uint8_t> data) override {
+        const auto now = std::chrono::steady_clock::now();
+        commands.push_back({now + (lateCommands-- > 0 ? delay : delay.zero()), {data.begin(), data.end()}});
+        Obey(endpoint, now);
+        return static_cast<int>(data.size());
+    }
+    sim::BulkInResult BulkIn(std::uint8_t endpoint, std::span<std::uint8_t> dst) override {
+        Obey(sim::COMMAND_ENDPOINT, std::chrono::steady_clock::now());
+        sim::BulkInResult result = sim::Instrument::BulkIn(endpoint, dst);
+        if (!commands.empty()) result.retryAt = commands.front().first;
+        return result;
+    }
+
+    std::chrono::milliseconds delay{0};  // of the first `lateCommands`
+    int lateCommands = 0;
+
+private:
+    void Obey(std::uint8_t endpoint, std::chrono::steady_clock::time_point now) {
+        for (; !commands.empty() && commands.front().first <= now; commands.pop_front()) {
+            sim::Instrument::BulkOut(endpoint, commands.front().second);
+        }
+    }
+
+    std::deque<std::pair<std::chrono::steady_clock::time_point, std::vector<std::uint8_t>>> commands;
+};
+
+// What an interrupted program left on the data endpoint, and answers behind the 100 ms that alignment gives them.
+TEST_F(Frame, AnOpenThatSaysYesIsInStep) {
+    using namespace std::chrono_literals;
+    const struct {
+        const char* name;
+        int asked, read;  // [packets], [bytes]
+        int delayMs, lateCommands;
+        bool opens;  // with answers in time; else it depends on the machine
+    } cases[] = {
+        {"a unit and three packets", 7, 0, 0, 0, true},
+        {"a short read of whole packets", 4, 8192, 0, 0, false},
+        {"a short read amid a packet", 4, 1000, 0, 0, false},
+        {"one answer late", 0, 0, 150, 5, true},
+        {"one late answer behind two packets", 2, 0, 150, 2, true},
+        {"a unit late", 0, 0, 450, 8, true},
+        {"all answers late", 0, 0, 150, 1000, true},
+    };
+    int serial = SERIAL;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        WriteLocalFile(++serial, ".bin", CalRecord().data.get(), sizeof(TQ720CalData));
+        sim::InstrumentOptions options;
+        options.serial = static_cast<uint32_t>(serial);
+        auto& instrument = Plug<LateInstrument>(options);
+        DeviceInterface before;
+        ASSERT_EQ(before.Connect(serial), tqNoError);
+        TqCommand fetch;
+        fetch.StartNewCommand();
+        for (int i = 0; i < c.asked; ++i) fetch.AddFetchAux(1);
+        ASSERT_TRUE(before.SendCommands(fetch));
+        if (c.read > 0) before.FullDataXfer(0, c.read, 2000);
+        before.Disconnect();
+
+        instrument.delay = std::chrono::milliseconds(c.delayMs);
+        instrument.lateCommands = c.lateCommands;
+        const TqStatus status = tqOpenDeviceBySerial(&device, serial);
+        if (c.lateCommands == 0) {
+            EXPECT_EQ(status == tqNoError, c.opens);
+        }
+        if (status != tqNoError) {
+            EXPECT_EQ(status, tqConnectionLostErr);
+            EXPECT_EQ(instrument.Identity().product, "TQ720 Boot") << "restarted";
+            instrument.lateCommands = 0;
+            ASSERT_EQ(Open(serial), 0);
+        }
+        EXPECT_EQ(tqConfigure(0, tqModeSweeping), tqNoError);
+        EXPECT_EQ(tqGetSweep(0, nullptr, nullptr, nullptr), tqNoError);
+        EXPECT_EQ(tqCloseDevice(0), tqNoError);
+    }
 }
 
 TEST_F(Frame, ABadRecordOpensWithAWarning) {
