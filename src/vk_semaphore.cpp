@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-Semaphore::Semaphore() { TQ_ASSERT(sem_init(&s, 0, 0) == 0); }
+Semaphore::Semaphore(unsigned count) { TQ_ASSERT(sem_init(&s, 0, count) == 0); }
 
 Semaphore::~Semaphore() { sem_destroy(&s); }
 
@@ -13,7 +13,11 @@ void Semaphore::Wait() {
     while (sem_wait(&s) != 0) TQ_ASSERT(errno == EINTR);
 }
 
-void Semaphore::Notify() { TQ_ASSERT(sem_post(&s) == 0); }
+void Semaphore::Notify() {
+    // At its limit the semaphore takes no more. The post may be lost: a waiter that is billions behind looks again
+    // without it.
+    TQ_ASSERT(sem_post(&s) == 0 || errno == EOVERFLOW);
+}
 
 void SemaphoreManual::Wait() {
     std::unique_lock<std::mutex> held(m);

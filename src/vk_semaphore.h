@@ -7,10 +7,11 @@
 
 #include <semaphore.h>
 
-// Counts from 0. One Notify lets one Wait pass, whichever comes first.
+// One Notify lets one Wait pass, whichever comes first. Posts beyond SEM_VALUE_MAX are dropped.
 class Semaphore {
 public:
-    Semaphore();
+    // `count` Waits pass at first, 0 to SEM_VALUE_MAX.
+    explicit Semaphore(unsigned count = 0);
     ~Semaphore();
     Semaphore(const Semaphore&) = delete;
     Semaphore& operator=(const Semaphore&) = delete;

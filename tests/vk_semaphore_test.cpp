@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <climits>
 #include <csignal>
 #include <thread>
 
@@ -36,6 +37,15 @@ TEST(Semaphore, PassesNeitherForASignalNorTwiceForOneNotify) {
     semaphore.Notify();
     waiter.join();
     sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST(Semaphore, DropsPostsAtItsLimit) {
+    Semaphore semaphore(SEM_VALUE_MAX);
+    semaphore.Notify();
+    semaphore.Wait();
+    semaphore.Notify();
+    semaphore.Notify();
+    semaphore.Wait();
 }
 
 TEST(SemaphoreManual, HoldsForAllWaitersUntilReset) {
