@@ -58,7 +58,8 @@ struct NoisePool {
         std::copy_n(im.begin(), RENDER_BLOCK, im.begin() + SIZE);
     }
     static const NoisePool& Get() {
-        static const NoisePool pool;
+        // Never destroyed, because the threads of the ports read it while the process exits.
+        static const NoisePool& pool = *std::make_unique<NoisePool>().release();
         return pool;
     }
 };
