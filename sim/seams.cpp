@@ -19,10 +19,12 @@ std::atomic<std::uint64_t> sleepCount{0};
 std::atomic<std::int64_t> sleepMicroseconds{0};
 std::atomic<void (*)(std::chrono::microseconds)> afterSleep{nullptr};
 
-std::atomic<std::int64_t> timeoutSlack{0};  // [s]
+std::atomic<std::int64_t> timeoutSlack{0};  // [ms]
 
 // By descriptor: the timer was set to a long time ahead and has run ever since. Higher descriptors go without slack.
 std::array<std::atomic<bool>, 1024> runsLong{};
+
+thread_local int insideDepth = 0;
 
 bool IsZero(const timespec& t) { return t.tv_sec == 0 && t.tv_nsec == 0; }
 
@@ -30,6 +32,12 @@ std::chrono::nanoseconds FromNow(const timespec& at) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return std::chrono::seconds(at.tv_sec - now.tv_sec) + std::chrono::nanoseconds(at.tv_nsec - now.tv_nsec);
+}
+
+void Move(timespec& at, std::chrono::milliseconds by) {
+    const std::chrono::nanoseconds moved = std::chrono::seconds(at.tv_sec) + std::chrono::nanoseconds(at.tv_nsec) + by;
+    at.tv_sec = std::chrono::floor<std::chrono::seconds>(moved).count();
+    at.tv_nsec = (moved - std::chrono::floor<std::chrono::seconds>(moved)).count();
 }
 
 // Plain memory: getpwuid may be called before and after the life of any object.
@@ -55,9 +63,13 @@ void ClearSleeps() {
     sleepMicroseconds = 0;
 }
 
+bool IsInside() { return insideDepth > 0; }
+Inside::Inside() { insideDepth += 1; }
+Inside::~Inside() { insideDepth -= 1; }
+
 void SetAfterSleep(void (*hook)(std::chrono::microseconds)) { afterSleep = hook; }
 
-void SetTimeoutSlack(std::chrono::seconds slack) { timeoutSlack = slack.count(); }
+void SetTimeoutSlack(std::chrono::milliseconds slack) { timeoutSlack = slack.count(); }
 
 void SetHome(const std::string& folder) {
     home.fill('\0');
@@ -75,6 +87,7 @@ extern "C" {
     const std::chrono::microseconds asked(microseconds);
     if (factor == 1 || asked < sim::LONG_SLEEP) return sim::Usleep(microseconds);
     const int result = sim::Usleep(microseconds / static_cast<useconds_t>(factor));
+    const sim::Inside inside;
     if (auto* hook = sim::afterSleep.load()) hook(asked);
     return result;
 }
@@ -93,7 +106,7 @@ extern "C" {
     }
     if (sim::FromNow(value->it_value) >= sim::LONG_TIMEOUT) runsLong = true;
     itimerspec later = *value;
-    if (runsLong) later.it_value.tv_sec += slack;
+    if (runsLong) sim::Move(later.it_value, std::chrono::milliseconds(slack));
     return next(fd, flags, &later, old);
 }
 

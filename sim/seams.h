@@ -25,6 +25,17 @@ struct SleepTally {
 SleepTally Sleeps();
 void ClearSleeps();
 
+// Whether the caller's thread is inside one of these calls or inside one that the bus answers, so that a test can tell
+// what the library under test does from what the virtual bus does on the library's threads.
+bool IsInside();
+class Inside {
+public:
+    Inside();
+    ~Inside();
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+};
+
 // Called at the end of each shortened sleep with the time it asked for. The bus waits in it for devices whose time away
 // fell within the sleep, so that a shortened sleep cannot end before what it was meant to outlast. Null: none.
 void SetAfterSleep(void (*hook)(std::chrono::microseconds asked));
@@ -32,9 +43,10 @@ void SetAfterSleep(void (*hook)(std::chrono::microseconds asked));
 // libusb keeps the earliest time-out of its transfers on a timer. What is LONG_TIMEOUT or more ahead when it is set
 // ends `slack` late, and so does whatever the timer is moved to from there, until it is stopped: behind the first of
 // some transfers with long time-outs the next one may have little time left. Short time-outs with none of those in
-// flight stay as they are. 0 (the default): all do. A timer that runs is left alone until it is set again.
+// flight stay as they are. 0 (the default): all do. A timer that runs is left alone until it is set again. Below 0: as
+// much too early, for runs that meet very many time-outs.
 constexpr std::chrono::milliseconds LONG_TIMEOUT{500};
-void SetTimeoutSlack(std::chrono::seconds slack);
+void SetTimeoutSlack(std::chrono::milliseconds slack);
 
 // The home folder that getpwuid reports for the user of this process; empty (the default): the real one. Not while
 // another thread uses a result of getpwuid.

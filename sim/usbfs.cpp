@@ -155,6 +155,14 @@ bool TakeMemory(std::size_t bytes) {
     return false;
 }
 
+std::atomic<int (*)(NodeRequest)> requestHook{nullptr};
+
+// 0, or the negative errno that the hook wants.
+int AskHook(NodeRequest request) {
+    int (*const hook)(NodeRequest) = requestHook;
+    return hook == nullptr ? 0 : -hook(request);
+}
+
 std::optional<UsbAddress> NodeAddress(const char* path) {
     UsbAddress address;
     int end = 0;
@@ -165,6 +173,7 @@ std::optional<UsbAddress> NodeAddress(const char* path) {
 
 // The descriptor or negative errno of an open in NODE_FOLDER, or nothing for a path that is no node.
 std::optional<int> OpenNode(const char* path) {
+    const Inside inside;
     const std::optional<UsbAddress> address = NodeAddress(path);
     if (!address) return std::nullopt;
     std::shared_ptr<Port> port;
@@ -290,6 +299,8 @@ std::vector<std::uint8_t> RawDescriptors(const UsbIdentity& identity) {
 
 void SetUsbfsMemoryLimit(std::size_t bytes) { Table().memoryLimit = bytes; }
 
+void SetRequestHook(int (*hook)(NodeRequest)) { requestHook = hook; }
+
 void ServeNodes() { __atomic_store_n(&servingProcess, getpid(), __ATOMIC_SEQ_CST); }
 
 Port::Port(std::shared_ptr<BusDevice> plugged, PortOwner& portOwner, const PlugOptions& plugOptions)
@@ -400,6 +411,7 @@ int Port::Ioctl(Descriptor& descriptor, unsigned long request, void* argument) {
         case USBDEVFS_DISCARDURB:
             return Discard(descriptor, argument);
         case USBDEVFS_CLAIMINTERFACE:
+            if (const int error = AskHook(NodeRequest::claim); error < 0) return error;
             return Claim(descriptor, argument);
         case USBDEVFS_RELEASEINTERFACE:
             return Release(descriptor, argument);
@@ -443,6 +455,8 @@ int Port::Submit(Descriptor& descriptor, usbdevfs_urb* user) {
         return -EINVAL;
     }
 
+    const NodeRequest request = pipe == CONTROL ? NodeRequest::control : NodeRequest::submit;
+    if (const int error = AskHook(request); error < 0) return error;
     std::list<Urb> submitted(1);
     Urb& urb = submitted.front();
     urb.user = user;
@@ -519,6 +533,7 @@ int Port::Discard(const Descriptor& descriptor, const void* user) {
 int Port::Reap(Descriptor& descriptor, void* argument, bool wait) {
     while (wait && descriptor.done.empty() && !descriptor.gone) changed.wait(lock);
     if (descriptor.done.empty()) return descriptor.gone ? -ENODEV : -EAGAIN;
+    if (const int error = AskHook(NodeRequest::reap); error < 0) return error;
     const Urb& urb = descriptor.done.front();
     void* const user = urb.user;
     std::memcpy(argument, &user, sizeof user);
@@ -846,6 +861,7 @@ extern "C" {
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
     if (!sim::IsOurs(fd)) return sim::RealIoctl(fd, request, argument);
+    const sim::Inside inside;
     const auto descriptor = sim::FindDescriptor(fd);
     return sim::WithErrno(descriptor ? descriptor->port->Ioctl(*descriptor, request, argument) : -EBADF);
 }
@@ -854,6 +870,7 @@ extern "C" {
     // Behind a vfork even umockdev's close would work on the memory of the parent.
     if (sim::IsInChild()) return static_cast<int>(syscall(SYS_close, fd));
     if (!sim::IsOurs(fd)) return sim::RealClose(fd);
+    const sim::Inside inside;
     const auto descriptor = sim::TakeDescriptor(fd);
     if (!descriptor) return sim::WithErrno(-EBADF);
     descriptor->port->Close(*descriptor);

@@ -42,6 +42,12 @@ std::vector<std::uint8_t> RawDescriptors(const UsbIdentity& identity);
 // Memory that the URBs in flight may take, in this process [bytes]; 0: no limit.
 void SetUsbfsMemoryLimit(std::size_t bytes);
 
+// Called at each request of these kinds, of reaps at those that find something, on the caller's thread and under the
+// port's lock. The request fails with the positive errno that comes back, and changes nothing; 0: it goes on. Null, the
+// default: none is asked.
+enum class NodeRequest { claim, submit, control, reap };
+void SetRequestHook(int (*hook)(NodeRequest request));
+
 // From now on all of /dev/bus/usb is ours: a node without a device does not exist, real ones are out of sight.
 void ServeNodes();
 
