@@ -36,6 +36,7 @@ case "$variant" in
         ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout 300
         scripts/check_exports.sh "$build/lib/libtq_api.so"
         scripts/check_isa_objects.sh "$build"
+        scripts/check_ends.sh "$build" 5
         run_shares scripts/test_baseline.sh "$build"
         ;;
     asan)
