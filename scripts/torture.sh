@@ -15,6 +15,8 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 build=$(scripts/build.sh "$variant" torture | tail -n 1)
 logs=$(mktemp -d)
 trap 'rm -r "$logs"' EXIT
+export TMPDIR=$logs/tmp  # of children that crash something stays
+mkdir "$TMPDIR"
 
 # A life waits for the bus to fall silent most of its time: eight share two cores well.
 for mode in realtime audio iq sweep narrow list fullband open first boot; do
@@ -29,5 +31,5 @@ if [ -f failed ]; then
     xargs cat <failed >&2
     exit 1
 fi
-echo "torture: $(awk '/failures/ { n += $3 } END { print n }' ./*) failures, no harm (seed $seed)"
-[ $lives -ne 0 ] || cat ./*
+echo "torture: $(awk '/failures/ { n += $3 } END { print n }' ./*.*) failures, no harm (seed $seed)"
+[ $lives -ne 0 ] || cat ./*.*

@@ -203,6 +203,11 @@ extern "C" [[gnu::visibility("default")]] int pthread_create(pthread_t* thread, 
     return error;
 }
 
+// Several of these processes share the machine with others: no thread of theirs takes it for itself.
+extern "C" [[gnu::visibility("default")]] int pthread_setschedparam(pthread_t, int, const sched_param*) {
+    return EPERM;
+}
+
 #ifdef TQ_OWN_HEAP
 
 namespace {
@@ -385,7 +390,7 @@ auto Sweep(double spanHz, double rbwHz) {
 double PeakOfSweep() { return PeakDbm(sweepSize); }
 double PowerOfIQ() { return PowerDbm(IQ_SAMPLES); }
 double PowerOfList() { return PowerDbm(LIST_STEPS * IQ_SAMPLES); }
-double AnyLevel() { return LEVEL_DBM; }
+double AnyLevel() { return LEVEL_DBM; }  // where the status has to do
 
 TqStatus TakeReadings(int device) {
     float celsius = 0;
@@ -444,8 +449,9 @@ void ReportBad(std::string_view call, const std::string& what) {
     Report("bad %s%.*s: %s\n", isClean ? "behind it, " : "", static_cast<int>(call.size()), call.data(), what.c_str());
 }
 
-// One call of the library. Failed: what follows has no sense.
-bool Call(const Mode& mode, std::string_view name, const std::function<TqStatus(int device)>& function, int device) {
+// One call of the library, whose status is looked at.
+TqStatus Call(const Mode& mode, std::string_view name, const std::function<TqStatus(int device)>& function,
+              int device) {
     ours = true;
     const TqStatus status = function(device);
     ours = false;
@@ -454,7 +460,7 @@ bool Call(const Mode& mode, std::string_view name, const std::function<TqStatus(
     if (status != tqNoError && !(mayWarn && status > tqNoError) && !std::ranges::count(permitted, status)) {
         ReportBad(name, "status " + std::to_string(status));
     }
-    return status >= tqNoError;
+    return status;
 }
 
 // From open to close; where `at` is not 0, that request of the armed kind fails. False: none did.
@@ -472,11 +478,14 @@ bool Live(const Mode& mode, int at) {
         return mode.isBoot ? tqBootOpenDeviceBySerial(&device, SERIAL) : tqOpenDeviceBySerial(&device, SERIAL);
     };
     const auto close = [&](int) { return mode.isBoot ? tqBootCloseDevice(device) : tqCloseDevice(device); };
-    if (Call(mode, "open", open, device)) {
-        if (Call(mode, "set", mode.set, device) && Call(mode, "configure", mode.configure, device) &&
-            Call(mode, "take", mode.take, device)) {
+    if (Call(mode, "open", open, device) >= tqNoError) {
+        if (Call(mode, "set", mode.set, device) >= tqNoError &&
+            Call(mode, "configure", mode.configure, device) >= tqNoError &&
+            Call(mode, "take", mode.take, device) == tqNoError) {
             const double level = mode.level();
-            if (!(std::fabs(level - LEVEL_DBM) < LEVEL_SLACK_DB)) ReportBad("take", std::to_string(level) + " dBm");
+            if (!(std::fabs(level - LEVEL_DBM) < LEVEL_SLACK_DB)) {
+                ReportBad("take", std::to_string(std::lround(level)) + " dBm, without a warning");
+            }
         }
         if (!mode.isBoot) Call(mode, "abort", tqAbort, device);
         Call(mode, "close", close, device);
@@ -536,6 +545,7 @@ int Torture(const Mode& mode, int first, int lives, unsigned seed) {
     options.serial = SERIAL;
     options.speed = sim::Speed::lockstep;
     options.rejoinTime = std::chrono::milliseconds(10);
+    options.cacheBytes = std::size_t{16} << 20;
     sim::Emitter carrier;
     carrier.freqHz = CENTER_HZ;
     carrier.levelDbm = LEVEL_DBM;
@@ -685,24 +695,13 @@ int Drive(const Mode& mode, std::string_view kindName, const std::string& lives,
     return harms.empty() && ended ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-int Usage() {
-    std::fputs("usage: torture MODE KIND [LIVES [SEED]]\nmodes:", stderr);
-    for (const Mode& mode : MODES) std::fprintf(stderr, " %s", mode.name.data());
-    std::fputs("\nkinds:", stderr);
-    for (const auto& [name, each] : KINDS) {
-        if (!SANITIZED || each != Kind::heap) std::fprintf(stderr, " %s", name.data());
-    }
-    std::fputs("\n", stderr);
-    return 2;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) return Usage();
+    if (argc < 3) return EXIT_FAILURE;
     const auto mode = std::ranges::find(MODES, std::string_view(argv[1]), &Mode::name);
     const auto row = std::ranges::find(KINDS, std::string_view(argv[2]), &std::pair<std::string_view, Kind>::first);
-    if (mode == MODES.end() || row == KINDS.end() || (SANITIZED && row->second == Kind::heap)) return Usage();
+    if (mode == MODES.end() || row == KINDS.end() || (SANITIZED && row->second == Kind::heap)) return EXIT_FAILURE;
     const std::string lives = argc > 3 ? argv[3] : "0";
     const std::string seed = argc > 4 ? argv[4] : "0";
     if (argc < 7) return Drive(*mode, row->first, lives, seed);
