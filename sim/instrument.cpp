@@ -33,6 +33,8 @@ constexpr std::uint64_t FIFO_SAMPLES = std::uint64_t{8} << 20;  // 32 MiB of sam
 constexpr std::uint64_t CACHED_PACKETS = 256;                   // from the start of an acquisition
 constexpr std::uint64_t SECONDS_BEFORE = 10;  // age of the counter when the host first sees the instrument
 constexpr std::uint64_t LOCK_TICKS = 614;     // the synthesiser settles in 5 us
+constexpr std::uint32_t STANDBY = 0x00035F;   // front end and synthesiser off
+constexpr std::uint16_t LMX_RESET = 0x0002;   // in register 0
 constexpr std::size_t KEPT_BYTES = 4096;      // of what went out of the side ports
 
 constexpr std::chrono::microseconds LOCKSTEP_POLL{20};
@@ -616,6 +618,7 @@ void Instrument::ExecuteWord(std::uint32_t word) {
             break;
         case 0x2C:
             tune.rfConfig = payload;
+            if (payload == STANDBY) tune.standby = true;
             break;
         case 0x2D:
             kept.externalReference = payload == 0;
@@ -646,6 +649,9 @@ void Instrument::ExecuteWord(std::uint32_t word) {
 
 void Instrument::WriteLmx(std::uint32_t address, std::uint16_t value) {
     switch (address) {
+        case 0x00:
+            if ((value & LMX_RESET) != 0) tune.standby = false;
+            break;
         case 0x1F:
             tune.lmxSegment = value;
             break;
@@ -851,6 +857,12 @@ void Instrument::TakePacket(std::uint8_t* dst) {
 
 void Instrument::RenderIq(const Segment& segment, std::uint8_t* dst) {
     Rendition& rendition = *segment.rendition;
+    if (rendition.words.standby) {
+        for (std::size_t at = 0; at < PACKET_BYTES; at += 2) {
+            Put16(dst + at, static_cast<std::uint16_t>(rendition.words.adcOffset));
+        }
+        return;
+    }
     if (rendition.scene->pattern != Pattern::none) {
         const bool plain = rendition.scene->pattern == Pattern::samples;
         const std::uint64_t first = plain ? segment.position : segment.acquisition << 16 | (segment.position & 0xFFFF);

@@ -44,6 +44,7 @@ struct TuneWords {
     std::uint16_t lmxOutB = 0x07FC;                  // 0x2E
     std::uint16_t lmxPorts = 0x32A3;                 // 0x2C
     std::array<std::uint16_t, 2 * FIR_TAPS> taps{};  // I, then Q
+    bool standby = false;                            // until the synthesiser is reset: no tuning word brings it back
     double temperatureC = 35.0;
     std::uint64_t sceneVersion = 0;
 

