@@ -94,6 +94,26 @@ TEST_F(EngineIQSweepListTest, EverySampleStandsWhereItBelongsWithSixteenSweepsIn
     }
 }
 
+// Lists whose last block does not fit into the read in the making, and all others.
+TEST_F(EngineIQSweepListTest, EveryLengthOfAListComesToItsEnd) {
+    scripted->render = [](int64_t, Ipp16sc*) {};                                // only the packets count
+    const std::pair<std::size_t, int> cases[] = {{2, 260}, {3, 260}, {5, 80}};  // steps, and packets of each at most
+    for (const auto& [steps, most] : cases) {
+        for (int packets = 1; packets <= most; packets++) {
+            const std::string name = std::to_string(steps) + " steps of " + std::to_string(packets) + " packets";
+            Watchdog::Watch(name, 30);
+            const std::vector<int> samples(steps, packets * PACKET_SAMPLES);
+            const std::unique_ptr<EngineIQSweepList> engine = MakeEngine(List(samples));
+            for (const int inFlight : {1, 3}) {
+                for (int pos = 0; pos < inFlight; pos++)
+                    ASSERT_EQ(engine->StartSweep(pos, nullptr, nullptr), tqNoError);
+                for (int pos = 0; pos < inFlight; pos++) ASSERT_EQ(engine->FinishSweep(pos), tqNoError) << name;
+            }
+            ASSERT_EQ(scripted->PacketsUnread(), 0U) << name;
+        }
+    }
+}
+
 TEST_F(EngineIQSweepListTest, TuneStartsAfreshWithEveryStepAndScaleFollowsTheSettings) {
     constexpr double SHIFTS[] = {-123456.7, 311000.0, -1e-7};  // the last is a whole turn when rounded
     const std::vector<int> samples = {5000, 2047};
