@@ -262,7 +262,7 @@ void DeviceInterface::BeginCommandXfer(int slot, const uint8_t* data) {
 
 DMAXferStatus DeviceInterface::FinishCommandXfer(int slot) {
     const DMAXferStatus status = FinishXfer(Slot(cmdXfers, slot));
-    if (status.Failed() && lastWords) unheard = true;
+    if (status.begun && status.Failed() && lastWords) unheard = true;
     return status;
 }
 

@@ -287,6 +287,7 @@ void TqDevice::LoadLowFreqCurve() {
 
 // An engine's destructor stops and joins its threads, so that the instrument is quiet afterwards.
 void TqDevice::DestroyEngines() {
+    const bool sweeps = engineSweep != nullptr || engineSweepNarrow != nullptr || engineIQFullBand != nullptr;
     engineSweep.reset();
     engineSweepNarrow.reset();
     engineAudio.reset();
@@ -296,6 +297,14 @@ void TqDevice::DestroyEngines() {
     engineIQFullBand.reset();
     currentMode = tqModeIdle;
     ClearLowFreqCurve();
+
+    // Over a lost link the rest of a sweep is not sent, its stop word included.
+    if (!sweeps || usb->TransferStatus() == tqNoError) return;
+    TqCommand stop;
+    stop.StartNewCommand();
+    stop.AddStopIQ();
+    const DeviceInterface::LastWords lastWords(*usb);
+    SendDirect(stop);
 }
 
 // Makes the engine let go of who waits for its data. A sweep goes on to its end.
