@@ -79,8 +79,10 @@ TqStatus DeviceInterface::ConnectAttached(int targetSerial) {
     OwnedDeviceHandle handle(GetUSBDeviceHandleBySerial(targetSerial));
     if (handle == nullptr) return tqDeviceNotFoundErr;
 
+    bool loaded = false;
     if (IsUSBRunDevice(handle.get())) {
-        if (GetCachedCalibration(targetSerial)) {
+        loaded = GetCachedCalibration(targetSerial);
+        if (loaded) {
             ValidateCalibration();
         } else {
             // Only the boot program reads the flash. Its owner elsewhere must not lose the instrument.
@@ -95,7 +97,7 @@ TqStatus DeviceInterface::ConnectAttached(int targetSerial) {
         if (!WaitForBoot(handle.get())) return tqBootErr;
         if (!AllocateResources(handle.get())) return tqDeviceNotFoundErr;
         static_cast<void>(handle.release());
-        const bool loaded = LoadCalibration();
+        loaded = LoadCalibration();
         Disconnect();
         if (!loaded) return tqConnectionLostErr;
 
@@ -104,7 +106,8 @@ TqStatus DeviceInterface::ConnectAttached(int targetSerial) {
         handle.reset(GetUSBDeviceHandleBySerial(targetSerial));
         if (handle == nullptr || !WaitForBoot(handle.get())) return tqBootErr;
     }
-    if (!IsUSBRunDevice(handle.get())) return tqBootErr;
+    // A string that could not be read may have hidden a program above: never on without a record.
+    if (!loaded || !IsUSBRunDevice(handle.get())) return tqBootErr;
 
     if (!AllocateResources(handle.get())) return tqDeviceNotFoundErr;
     static_cast<void>(handle.release());

@@ -153,9 +153,9 @@ TEST_F(DeviceInterfaceTest, FailedConnectionsSayHowAndHoldNothing) {
     using sim::Instrument;
     using sim::Program;
     const auto nothing = [](Instrument&) {};
-    const auto refuse = [this](int nth) {
-        return [this, nth](Instrument& instrument) {
-            bus.Inject(instrument, {.action = Action::refuse, .match = Match::bulkOut, .nth = nth, .error = EIO});
+    const auto refuse = [this](Match match, int nth) {
+        return [this, match, nth](Instrument& instrument) {
+            bus.Inject(instrument, {.action = Action::refuse, .match = match, .nth = nth, .error = EIO});
         };
     };
     const auto unplug = [this](Instrument& instrument) {
@@ -175,8 +175,9 @@ TEST_F(DeviceInterfaceTest, FailedConnectionsSayHowAndHoldNothing) {
         {"does not come back from its restart", Program::run, 1h, false, nothing, tqBootErr, 1},
         {"does not come back as run program", Program::boot, 1h, false, nothing, tqBootErr, 0},
         {"starts up for ever", Program::boot, 1s, false, startsForEver, tqBootErr, 0},
-        {"flash read refused", Program::boot, 1s, false, refuse(1), tqConnectionLostErr, 0},
-        {"boot-to-run lost", Program::boot, 1s, false, refuse(2), tqBootErr, 0},
+        {"flash read refused", Program::boot, 1s, false, refuse(Match::bulkOut, 1), tqConnectionLostErr, 0},
+        {"boot-to-run lost", Program::boot, 1s, false, refuse(Match::bulkOut, 2), tqBootErr, 0},
+        {"program not readable at first", Program::run, 1s, true, refuse(Match::control, 3), tqBootErr, 0},
         {"silent data endpoint", Program::run, 1s, true, silent, tqConnectionLostErr, 1},
         {"unplugged while aligning", Program::run, 1s, true, unplug, tqConnectionLostErr, 0},
     };
