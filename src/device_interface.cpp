@@ -29,6 +29,19 @@ const TQ720CalData* AsCalData(const std::vector<uint8_t>& bytes) {
     return std::launder(reinterpret_cast<const TQ720CalData*>(bytes.data()));
 }
 
+// Empties the data endpoint until this many reads in a row have timed out. Whatever ends a read here is no lost link,
+// not even for the next read. False: it does not fall silent.
+bool Drain(DeviceInterface& device, int silences) {
+    const uint64_t start = GetSystemTicks();
+    int silent = 0;
+    for (int reads = 0; silent < silences; ++reads) {
+        if (reads == MAX_DRAIN_READS || GetSystemTicks() - start >= MAX_DRAIN_MS) return false;
+        silent = device.FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS).timeout ? silent + 1 : 0;
+        device.ClearTransferStatus();
+    }
+    return true;
+}
+
 }  // namespace
 
 DeviceInterface::DeviceInterface() : calMem(CAL_DATA_BYTES, ERASED) {}
@@ -113,8 +126,8 @@ TqStatus DeviceInterface::ConnectAttached(int targetSerial) {
     static_cast<void>(handle.release());
     deviceConnected = true;
     int fetches = Align();
-    // More than a unit takes: answers came late, and those to the last fetches still come.
-    if (fetches > UNIT_PACKETS) fetches = Align();
+    // More than a unit takes: answers came late, and those to the last fetches come as late, if not later.
+    if (fetches > UNIT_PACKETS) fetches = Drain(*this, fetches) ? Align() : 0;
     if (fetches > 0) return tqNoError;
     PresetDevice();
     Disconnect();
@@ -159,15 +172,8 @@ int DeviceInterface::Align() {
     fetchOne.StartNewCommand();
     fetchOne.AddFetchAux(1);
 
-    // Whatever ends a read here is no lost link, not even for the next read.
-    ClearTransferStatus();
-    const uint64_t start = GetSystemTicks();
-    bool silent = false;
-    for (int drained = 0; !silent; ++drained) {
-        if (drained == MAX_DRAIN_READS || GetSystemTicks() - start >= MAX_DRAIN_MS) return 0;
-        silent = FullDataXfer(0, XFER_UNIT_BYTES, ALIGN_TIMEOUT_MS).timeout;
-        ClearTransferStatus();
-    }
+    ClearTransferStatus();  // over a lost link nothing would begin
+    if (!Drain(*this, 1)) return 0;
 
     // The instrument hands over whole units of four packets, so only a packet that completes a unit ends a read.
     for (int attempt = 1; attempt <= ALIGN_ATTEMPTS; ++attempt) {

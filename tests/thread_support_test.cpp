@@ -1,6 +1,8 @@
 // A test that waits for what never comes ends by itself, and says so.
 #include "thread_support.h"
 
+#include "vk_semaphore.h"
+
 #include <gtest/gtest-spi.h>
 
 namespace {
@@ -20,20 +22,20 @@ TEST(ThreadSupport, ATestThatStandsStillIsNamedAndEnds) {
 }
 
 TEST(ThreadSupport, HeldThreadsGoOnWhenLetGo) {
-    std::atomic<bool> go = false, gone = false;
+    Semaphore go;
+    std::atomic<bool> gone = false;
     std::vector<pid_t> made;
     std::thread thread;
     made = ThreadsOf([&] {
         thread = std::thread([&] {
-            go.wait(false);
+            go.Wait();
             gone = true;
         });
     });
     ASSERT_EQ(made.size(), 1u);
     {
         const HeldThreads held(made);
-        go = true;
-        go.notify_all();
+        go.Notify();
         WaitUntilBlocked(made[0]);
         EXPECT_FALSE(gone);
     }
