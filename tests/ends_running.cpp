@@ -61,10 +61,13 @@ int main(int argc, char** argv) {
     const TqMode mode = ModeOf(argv[2]);
     const std::string_view way = argv[3];
     int device = -1;
-    if (TQ_CALL(tqOpenDevice, &device) != tqNoError || TQ_CALL(tqSetSweepStartStop, device, 1e9, 2e9) != tqNoError ||
-        TQ_CALL(tqSetIQSweepListSteps, device, 1) != tqNoError || TQ_CALL(tqConfigure, device, mode) != tqNoError ||
-        TakeData(device, mode) < tqNoError) {
-        std::fputs("no data to begin with\n", stderr);
+    TqStatus status = TQ_CALL(tqOpenDevice, &device);
+    if (status == tqNoError) status = TQ_CALL(tqSetSweepStartStop, device, 1e9, 2e9);
+    if (status == tqNoError) status = TQ_CALL(tqSetIQSweepListSteps, device, 1);
+    if (status == tqNoError) status = TQ_CALL(tqConfigure, device, mode);
+    if (status == tqNoError) status = TakeData(device, mode);
+    if (status < tqNoError) {
+        std::fprintf(stderr, "no data to begin with, status %d\n", status);
         return EXIT_FAILURE;
     }
     // One more thread is inside a call when the program ends, which takes the instruments off the bus.
