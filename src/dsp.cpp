@@ -74,12 +74,8 @@ IppStatus FIRRun(const double* src, double* dst, int len, IppsFIRSpec_64f* spec,
 std::atomic<bool> hasAVX2 = false;
 
 void InitIpps() {
-    static bool ippsInitialized = false;
-    if (!ippsInitialized) {
-        const IppStatus initStatus = ippInit();
-        TQ_ASSERT(initStatus == 0);
-        ippsInitialized = true;
-    }
+    static const IppStatus initStatus = ippInit();  // once, whoever opens first
+    TQ_ASSERT(initStatus == 0);
     hasAVX2 = (ippGetEnabledCpuFeatures() & AVX2_FEATURES) == AVX2_FEATURES;
 }
 
