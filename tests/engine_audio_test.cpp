@@ -126,10 +126,10 @@ TEST_F(EngineAudioTest, ABlockedCallerIsWokenByTheEnd) {
         status = running.GetAudio(audio.data());
     });
     WaitUntilBlocked(caller);
-    scripted->trickle = true;  // the stream ends behind the transfers in flight
     stream.End();
     engine->End();
     thread.join();
+    scripted->trickle = true;  // what is in flight still comes
     EXPECT_EQ(status, tqInvalidConfigurationErr);
     EXPECT_EQ(std::ranges::count(audio, 0.0f), AudioRetLen);
 }

@@ -231,15 +231,20 @@ TEST_F(EngineIQSweepListTest, ACallerBlockedInFinishIsSentHomeByTheEnd) {
     const std::unique_ptr<EngineIQSweepList> engine = MakeEngine(List({2000000}));
     std::vector<Ipp16sc> buffer(2000000);
     ASSERT_EQ(engine->StartSweep(7, buffer.data(), nullptr), tqNoError);
-    std::atomic<pid_t> tid = 0;
+    std::atomic<pid_t> blocked = 0, ending = 0;
     TqStatus status = tqNoError;
     std::thread caller([&] {
-        tid = gettid();
+        blocked = gettid();
         status = engine->FinishSweep(7);
     });
-    WaitUntilBlocked(tid);
+    WaitUntilBlocked(blocked);
+    std::thread ender([&] {
+        ending = gettid();
+        engine->End();
+    });
+    WaitUntilBlocked(ending);
     scripted->trickle = true;  // what is in flight still comes
-    engine->End();
+    ender.join();
     caller.join();
     EXPECT_EQ(status, tqInvalidConfigurationErr);
 }
