@@ -22,8 +22,11 @@ void SetThreadPriorityTimeCritical(std::thread& thread);
 // Threads carry no names on Linux.
 inline void SetThreadName(std::thread&, const char*) {}
 
-// Whether the machine has that much memory at all, used or not.
-bool FitsInMemory(double bytes);
+// Memory that this process can still get without harm to others, [bytes]: what the kernel calls available, or what is
+// built in where that cannot be read, and no more than the limits of the process's control groups leave.
+//   root  in front of /proc and /sys
+double AvailableMemory(const std::string& root = "");
+inline bool FitsInMemory(double bytes) { return bytes <= AvailableMemory(); }
 
 // Bytes of one complex sample.
 int GetDataTypeSize(TqDataType dataType);
@@ -48,13 +51,14 @@ bool FileExists(const std::string& path);
 
 // The cached calibration record of an instrument, sizeof(TQ720CalData) bytes at calMem. Get: false, and calMem
 // untouched, when the file cannot be read or is too short. Save replaces the file in one step, so that no crash and no
-// other process leaves half a record. Remove: the next opening takes the record from flash. May throw std::bad_alloc.
+// other process leaves half a record; it follows links, and removes what a crash left behind. Remove: the next opening
+// takes the record from flash. May throw std::bad_alloc.
 bool CorrectionFileExists(int serialNumber);
 bool SaveCorrectionFile(int serialNumber, const void* calMem);
 bool GetCorrectionsFromFile(int serialNumber, void* calMem);
 void RemoveCorrectionFile(int serialNumber);
 
 // The last timebase value learned from GPS. Read: false, and cal untouched, when there is no good file. Store replaces
-// the file in one step; engine threads call it.
+// the file as Save does. May throw std::bad_alloc.
 bool StoreGPSCorrection(int serial, TqGPSCal cal);
 bool ReadGPSCorrection(int serial, TqGPSCal& cal);

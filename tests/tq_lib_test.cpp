@@ -2,8 +2,16 @@
 
 #include "device_support.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
+#include <future>
 #include <limits>
 #include <thread>
 #include <utility>
@@ -29,6 +37,7 @@ protected:
     std::vector<std::string> Names() const {
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename());
+        std::ranges::sort(names);
         return names;
     }
 
@@ -153,4 +162,113 @@ TEST_F(LocalFiles, FailedReplacementLeavesNothingBehind) {
     fs::create_directories(folder / "tq00000003.bin" / "occupied");
     EXPECT_FALSE(SaveCorrectionFile(3, record.data()));
     EXPECT_EQ(Names(), std::vector<std::string>{"tq00000003.bin"});
+}
+
+TEST_F(LocalFiles, WhatIsNoRegularFileIsNotWaitedFor) {
+    fs::create_directories(folder);
+    for (const char* name : {"tq00000006.bin", "tq00000006gps.bin"}) {
+        const fs::path fifo = folder / name;
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0666), 0);
+        auto answer = std::async(std::launch::async, [&] {
+            TqGPSCal cal;
+            return GetCorrectionsFromFile(6, read.data()) || ReadGPSCorrection(6, cal);
+        });
+        if (answer.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            ADD_FAILURE() << name << " holds its reader, whom nothing can call back";
+            std::_Exit(EXIT_FAILURE);
+        }
+        EXPECT_FALSE(answer.get()) << name;
+        fs::remove(fifo);
+    }
+}
+
+TEST_F(LocalFiles, ModeIsTheUsersChoice) {
+    for (const mode_t mask : {0022, 0000, 0077}) {
+        const mode_t old = umask(mask);
+        EXPECT_TRUE(SaveCorrectionFile(7, record.data()));
+        EXPECT_TRUE(StoreGPSCorrection(7, {}));
+        umask(old);
+        for (const char* name : {"tq00000007.bin", "tq00000007gps.bin"}) {
+            EXPECT_EQ(static_cast<mode_t>(fs::status(folder / name).permissions()), 0666 & ~mask) << name;
+        }
+    }
+}
+
+TEST_F(LocalFiles, LinksStayAndTheirTargetsAreReplaced) {
+    fs::create_directories(folder);
+    fs::create_directories(home / "elsewhere");
+    fs::create_symlink("../elsewhere/cal", folder / "link");
+    fs::create_symlink("link", folder / "tq00000008.bin");
+    for (const Bytes* saved : {&record, &newer}) {  // the target made, and replaced
+        EXPECT_TRUE(SaveCorrectionFile(8, saved->data()));
+        EXPECT_EQ(FileBytes(home / "elsewhere" / "cal"), *saved);
+    }
+    EXPECT_TRUE(fs::is_symlink(folder / "tq00000008.bin") && fs::is_symlink(folder / "link"));
+
+    fs::create_symlink("tq00000009.bin", folder / "tq00000009.bin");
+    EXPECT_FALSE(SaveCorrectionFile(9, record.data())) << "a ring of links";
+    ASSERT_EQ(mkfifo((home / "device").c_str(), 0666), 0);
+    fs::create_symlink(home / "device", folder / "tq00000010.bin");
+    EXPECT_FALSE(SaveCorrectionFile(10, record.data()));
+    EXPECT_TRUE(fs::is_fifo(home / "device")) << "the target of a link is not ours unless it is a file";
+}
+
+TEST_F(LocalFiles, WhatACrashLeftBehindIsRemoved) {
+    const auto make = [&](const char* name) { std::ofstream(folder / name).put('x'); };
+    fs::create_directories(folder);
+    const std::vector<std::string> kept = {"tq00000011.bin.backup1", "tq00000011.bin.old",      "tq00000011.bin.zzzzzz",
+                                           "tq00000011x.bin.aB3dEf", "tq00000012.bin.aB3dEf",   "tq00000012gps.bin",
+                                           "tq00000012gps.bin.gps",  "tq00000012gps.bin.a-b_c."};
+    for (const std::string& name : kept) make(name.c_str());
+    make("tq00000011.bin.aB3dEf");
+    make("tq00000011gps.bin.000000");
+    const int writer = open((folder / "tq00000011.bin.zzzzzz").c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(writer, LOCK_EX), 0) << "another process is about to rename this one";
+    EXPECT_TRUE(StoreGPSCorrection(11, {}));
+    close(writer);
+    std::vector<std::string> expected = kept;
+    expected.push_back("tq00000011gps.bin");
+    std::ranges::sort(expected);
+    EXPECT_EQ(Names(), expected);
+}
+
+// What /proc and the cgroups say, under a root of our own.
+TEST_F(LocalFiles, MemoryIsWhatTheMachineAndTheGroupsLeave) {
+    const auto put = [&](const char* path, const std::string& text) {
+        fs::create_directories((home / path).parent_path());
+        std::ofstream(home / path) << text;
+    };
+    const auto available = [&] { return AvailableMemory(home.string()); };
+    const double physical = available();
+    EXPECT_GE(physical, 64e6) << "what is built in, since nothing can be read";
+    put("proc/meminfo", "MemTotal:       16000000 kB\nMemFree:          10000 kB\nMemAvailable:    4000000 kB\n");
+    EXPECT_EQ(available(), 4000000.0 * 1024.0);
+
+    // The second version: each group up to the root may have a limit; cached files give way.
+    put("proc/self/cgroup", "1:name=systemd:/x\n0::/user/app\n");
+    put("sys/fs/cgroup/user/app/memory.max", "max\n");
+    put("sys/fs/cgroup/user/app/memory.current", "900000000\n");
+    EXPECT_EQ(available(), 4000000.0 * 1024.0);
+    put("sys/fs/cgroup/user/memory.max", "1000000000\n");
+    put("sys/fs/cgroup/user/memory.current", "990000000\n");
+    put("sys/fs/cgroup/user/memory.stat", "anon 1\ninactive_file 300000000\nactive_file 5\n");
+    EXPECT_EQ(available(), 310000000.0);
+    put("sys/fs/cgroup/user/app/memory.max", "800000000\n");
+    EXPECT_EQ(available(), 0.0) << "beyond its limit";
+    fs::remove_all(home / "sys");
+
+    // The first; a container sees its own group as the root of the mount.
+    put("proc/self/cgroup", "9:name=systemd:/\n4:cpu,memory:/docker/77\n0::/\n");
+    put("sys/fs/cgroup/memory/memory.limit_in_bytes", "500000000\n");
+    put("sys/fs/cgroup/memory/memory.usage_in_bytes", "450000000\n");
+    put("sys/fs/cgroup/memory/memory.stat", "inactive_file 7\ntotal_inactive_file 50000000\n");
+    EXPECT_EQ(available(), 100000000.0);
+    put("sys/fs/cgroup/memory/docker/77/memory.limit_in_bytes", "9223372036854771712\n");
+    put("sys/fs/cgroup/memory/docker/77/memory.usage_in_bytes", "450000000\n");
+    EXPECT_EQ(available(), 100000000.0);
+
+    put("proc/self/cgroup", "4:memory:/../../..\n::\n" + std::string(100000, '/') + "\n4:memory\n\n");
+    put("proc/meminfo", "MemAvailable: lots\n");
+    put("sys/fs/cgroup/memory/memory.limit_in_bytes", "none\n");
+    EXPECT_EQ(available(), physical) << "what is no number counts as not there";
 }
