@@ -169,6 +169,7 @@ TqCorrections::TqCorrections() : calData(std::make_unique<TQ720CalData>()) {
 TqStatus TqCorrections::LoadCorrections(const TQ720CalData* data) {
     TQ_ASSERT(data != nullptr);
     std::memmove(calData.get(), data, sizeof(TQ720CalData));
+    RenewFreqTuneOffset();
     return tqNoError;
 }
 
@@ -204,6 +205,11 @@ TqStatus TqCorrections::GetDeviceTempRange(TqTempRange& tempRange) const {
 }
 
 void TqCorrections::SetCurrentTemp(float deviceTemp) {
+    ChoosePlanes(deviceTemp);
+    RenewFreqTuneOffset();
+}
+
+void TqCorrections::ChoosePlanes(float deviceTemp) {
     if (correctionMode == tqCorrectionModeCal) {
         currTempIndex = std::min(calModeTempIndex, MAX_LOWER_PLANE);
         currTempFrac = calModeTempIndex - currTempIndex;
@@ -236,14 +242,16 @@ void TqCorrections::GetNewestTuningValue(uint16_t& voltage, uint64_t& timeStamp)
     timeStamp = calData->timebaseTimestamps[entries - 1];
 }
 
-int16_t TqCorrections::GetFreqTuneOffset() const {
+void TqCorrections::RenewFreqTuneOffset() {
     const int16_t lower = calData->timebaseTempCurve[currTempIndex];
     const int16_t upper = calData->timebaseTempCurve[currTempIndex + 1];
+    // The ends are exact. Weights from 0 to 1 keep the sum, cut towards zero, within 16 bits.
     const float f = static_cast<float>(currTempFrac);
-    if (f == 0.0f) return lower;
-    if (f == 1.0f) return upper;
-    // Weights from 0 to 1 keep the sum, cut towards zero, within 16 bits.
-    return static_cast<int16_t>(lower * static_cast<double>(1.0f - f) + upper * static_cast<double>(f));
+    int16_t offset = f == 0.0f ? lower : upper;
+    if (f != 0.0f && f != 1.0f) {
+        offset = static_cast<int16_t>(lower * static_cast<double>(1.0f - f) + upper * static_cast<double>(f));
+    }
+    freqTuneOffset = offset;
 }
 
 uint8_t TqCorrections::GetRoughGain(int IFStep) const { return calData->roughAttens[LOStepIndex(IFStep)]; }

@@ -1,10 +1,11 @@
 // TqCorrections: what a configuration needs from the calibration record, at the present temperature, for one LO step:
 // rough attenuator value, gain correction, the 31 taps of the instrument's correction filter, timebase offset. TqDevice
-// owns one and hands it to the planners. It takes no lock: only the client's thread enters, while a mode is configured,
-// and engines get copies of the results.
+// owns one and hands it to the planners. It takes no lock: only the client's thread enters, and engines get copies of
+// the results. Their threads call GetFreqTuneOffset() alone.
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -58,8 +59,8 @@ public:
     //   timeStamp  out, [s] since the Unix epoch
     void GetNewestTuningValue(uint16_t& voltage, uint64_t& timeStamp) const;
 
-    // Ticks to add to the timebase DAC at this temperature.
-    int16_t GetFreqTuneOffset() const;
+    // Ticks to add to the timebase DAC at this temperature. Any thread.
+    int16_t GetFreqTuneOffset() const { return freqTuneOffset; }
 
     // The reads by LO step limit their arguments to the record's tables.
     //   IFStep    LO step, 1 to 490
@@ -91,4 +92,10 @@ public:
     float currTemp = 0.0f;      // [degrees Celsius]
     int currTempIndex = 0;      // lower plane, 0 to 5
     double currTempFrac = 0.0;  // weight of plane currTempIndex + 1, 0.0 to 1.0
+
+private:
+    void ChoosePlanes(float deviceTemp);
+    void RenewFreqTuneOffset();
+
+    std::atomic<int16_t> freqTuneOffset{0};  // of the present record and temperature; the neutral record has none
 };

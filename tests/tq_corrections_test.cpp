@@ -183,6 +183,9 @@ TEST(CorrectionTables, BlendsInSinglePrecision) {
     const float f = (13.0f - 10.0f) / (20.0f - 10.0f);
     EXPECT_EQ(c->GetRFCorrection(2, 100), 3.3f * (1.0f - f) + -7.7f * f);
     EXPECT_EQ(c->GetFreqTuneOffset(), -70);  // -70.1, cut towards zero
+    record->timebaseTempCurve[3] = 99;
+    c->LoadCorrections(record.get());
+    EXPECT_EQ(c->GetFreqTuneOffset(), 69);  // at once, and without a new temperature: 69.9
 
     // An end of the blend keeps out what stands in the other plane; within it, a gain that is no number is none.
     for (const float bad : {NOT_A_NUMBER, INF, -INF}) {
