@@ -153,7 +153,11 @@ void AuxReaderTrigger::Update(const AuxData* aux) {
     lastIQCounter = aux->IQCounter() + static_cast<uint64_t>(iqCounterDelay);
 }
 
-AuxReaderGPS::AuxReaderGPS() : nmeaBuf(GPS_RING_BYTES + 1) {}
+AuxReaderGPS::AuxReaderGPS() : nmeaBuf(GPS_RING_BYTES + 1) {
+    // Every field that a line can have fits from now on, since the threads that parse must not allocate.
+    for (std::string& field : rmc) field.reserve(NMEA_LINE_BYTES);
+    for (std::string& field : gga) field.reserve(NMEA_LINE_BYTES);
+}
 
 void AuxReaderGPS::Update(const AuxData* auxData) {
     if (auxData->magicNumber != AUX_MAGIC_NUMBER) return;
@@ -261,8 +265,9 @@ void AuxReaderGPS::ParseGGA(char* buf, int bufLen) {
     if (sentence == Sentence::oversized) return;
     gpsInfo.altitude = 0.0;
     if (sentence == Sentence::absent) return;
-    // A field that this sentence lacks still holds the text of an older one.
-    if (StoreFields(line.data(), gga) > GGA_ALTITUDE) ReadNumber(gga[GGA_ALTITUDE], gpsInfo.altitude);
+    // A field that this sentence lacks still holds the text of an older one, and without a fix there is no altitude.
+    const size_t fields = StoreFields(line.data(), gga);
+    if (gpsInfoValid && fields > GGA_ALTITUDE) ReadNumber(gga[GGA_ALTITUDE], gpsInfo.altitude);
 }
 
 TqStatus AuxReaderGPS::Query(TqBool* updated, TqGPSInfo* userGpsInfo, char* userNmea, int* userNmeaLen) {

@@ -206,10 +206,13 @@ TEST(AuxReaderGPS, AltitudeIsThisSentencesOrZero) {
     };
     for (const auto& [text, altitude] : CASES) {
         GpsReader gps;
-        gps.Feed(ALTITUDE);
+        gps.Feed(FIX + ALTITUDE);
         gps.Feed(text);
         EXPECT_EQ(gps.Fix().altitude, altitude) << text;
     }
+    GpsReader gps;
+    gps.Feed("$GPRMC,123521,V,,,,,,,180226,,,N*53\r\n" + ALTITUDE);
+    EXPECT_EQ(gps.Fix().altitude, 0.0) << "without a fix it is what the receiver remembers";
 }
 
 TEST(AuxReaderGPS, NoTextIsTooWild) {

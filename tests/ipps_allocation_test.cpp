@@ -1,13 +1,16 @@
 // Nothing allocates while samples flow: all memory of a transform, filter or vector call is the caller's, obtained at
-// set-up. Allocations of this whole process are counted, which is why the calls of libc stand here.
+// set-up, and so is that of the GPS reader, which works on the threads of engines. Allocations of this whole process
+// are counted, which is why the calls of libc stand here.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "aux_reader.h"
 #include "dsp.h"
 #include "ipps.h"
 #include "ipps_kernels.h"
@@ -81,6 +84,23 @@ TEST_P(IppsAllocationFree, WhileSamplesFlow) {
     ippsMagnitude_32fc(in.data(), values.data(), N);
     DSP::Convert_16sc32fc(samples.data(), out.data(), N);
     EXPECT_EQ(allocations, before);
+}
+
+TEST(GPSAllocationFree, WhateverTheReceiverSays) {
+    AuxReaderGPS reader;
+    const auto aux = std::make_unique<AuxData>();
+    aux->magicNumber = AUX_MAGIC_NUMBER;
+    const std::string sentences[] = {
+        "$GPRMC,123519,A,4807.038,N,01131.000,E,022.4,084.4,180226,003.1,W*6A\r\n$GPGGA,1,2,N,3,E,1,08,0.9,545.4,M\r\n",
+        "$GPRMC," + std::string(500, 'x') + "\r\n$GPGGA,," + std::string(500, 'y') + "\r\n"};
+    uint32_t edges = 0;
+    for (const std::string& text : sentences) {
+        std::memcpy(aux->gpsData, text.data(), text.size());
+        aux->gpsBufferPointers = ++edges << 18 | static_cast<uint32_t>(text.size() + 3) / 4 << 9;
+        const long before = allocations;
+        reader.Update(aux.get());
+        EXPECT_EQ(allocations, before) << text;
+    }
 }
 
 }  // namespace
