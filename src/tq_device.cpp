@@ -36,6 +36,7 @@ constexpr int AUX_XFER_BYTES = 32768;  // smallest unit of the data endpoint: fo
 constexpr int AUX_XFER_TIMEOUT_MS = 2000;
 constexpr uint64_t MAX_FETCH_TICKS = 122880 * POWER_UP_MS / 2;  // from the first to the last packet of a fetch
 constexpr int GPS_WORDS_PER_BLOCK = CMD_SIZE_WORDS / 2;         // each takes two command words
+constexpr uint32_t MAX_TIMEBASE_DAC = 0xFFFF;
 constexpr int TIMEBASE_MOVE_TICKS = 7;  // smaller moves of the GPS discipline are not worth a file
 
 // Limits of the setters that clamp; frequencies are limited by MIN_FREQ_HZ and MAX_FREQ_HZ.
@@ -76,6 +77,8 @@ std::atomic<double> g_triggerSentinelValue{0.0};
 
 TqDevice::TqDevice(std::unique_ptr<DeviceInterface> interface) : usb(std::move(interface)) {
     TQ_ASSERT(usb != nullptr);
+    const int serial = usb->SerialNumber();
+    gpsFileWriter = std::make_unique<GPSFileWriter>([serial](const TqGPSCal& cal) { StoreGPSCorrection(serial, cal); });
     if (rvCalDoesCorrectionsExist(usb->CalData())) corrections.LoadCorrections(usb->CalData());
 
     // The timebase starts from whichever is newer, the calibration's last value or what GPS taught us.
@@ -209,6 +212,7 @@ TqStatus TqDevice::ConfigureModeSweep() {
     const TqStatus status = PlanSweepWide(sweepSettings, rfConfig, bytesOnTheWay, corrections, deviceConfig, plan);
     if (status < tqNoError) return status;
     LoadLowFreqCurve();
+    readerGPS.Configure(1);
     engineSweep = std::make_unique<EngineSweep>(this, *usb, sweepSettings, plan.setup, plan.commands);
     return status;
 }
@@ -218,6 +222,10 @@ TqStatus TqDevice::ConfigureModeSweepNarrow() {
     const TqStatus status = PlanSweepNarrow(sweepSettings, rfConfig, corrections, deviceConfig, plan);
     if (status < tqNoError) return status;
     LoadLowFreqCurve();
+    int hwDecimation = 1;
+    int swDecimation = 1;
+    CalculateDecimation(GetNarrowSweepDecimation(sweepSettings.Span()), hwDecimation, swDecimation);
+    readerGPS.Configure(hwDecimation);
     engineSweepNarrow =
         std::make_unique<EngineSweepNarrow>(*this, *usb, sweepSettings, plan.setup, plan.commands, plan.patch);
     return status;
@@ -395,14 +403,20 @@ TqStatus TqDevice::UpdateAuxData() {
         return usb->TransferStatus();
     }
     std::memcpy(&aux, xfer.p, sizeof(aux));
-    UpdateAuxData(&aux);
+    TqGPSCal learned;
+    if (TakeAuxData(&aux, learned)) gpsFileWriter->Store(learned);
     return tqNoError;
 }
 
 void TqDevice::UpdateAuxData(const AuxData* aux) {
-    if (aux == nullptr) return;
+    TqGPSCal learned;
+    if (aux != nullptr && TakeAuxData(aux, learned)) gpsFileWriter->Post(learned);
+}
+
+// Whether the packet taught a timebase value that is worth its file.
+bool TqDevice::TakeAuxData(const AuxData* aux, TqGPSCal& learned) {
     hasFramingErr = aux->magicNumber != AUX_MAGIC_NUMBER;
-    if (hasFramingErr) return;
+    if (hasFramingErr) return false;
 
     lastAuxUpdate = GetSystemTicks();
     {
@@ -416,20 +430,18 @@ void TqDevice::UpdateAuxData(const AuxData* aux) {
     readerGPS.Update(aux);
 
     // While the instrument steers its DAC from GPS the host follows, and keeps the value so that the next start begins
-    // at a good frequency. The difference is taken in 64 bits: the packet's field is 32 bits of anything.
-    if (!readerGPS.IsGPSDataValidAndDisciplined()) return;
-    if (std::abs(int64_t{lastCoarseTune} - int64_t{aux->timebaseDAC}) <= TIMEBASE_MOVE_TICKS) return;
-
+    // at a good frequency. The DAC has 16 bits; a field that holds more is no report.
+    if (!readerGPS.IsGPSDataValidAndDisciplined() || aux->timebaseDAC > MAX_TIMEBASE_DAC) return false;
     const auto dac = static_cast<uint16_t>(aux->timebaseDAC);
+    if (std::abs(lastCoarseTune - dac) <= TIMEBASE_MOVE_TICKS) return false;
+
     const auto normalized = static_cast<uint16_t>(dac - corrections.GetFreqTuneOffset());
     lastCoarseTune = dac;
     lastCoarseTuneNormalized = normalized;
-    const TqGPSCal learned{true, static_cast<uint64_t>(GetEpochSeconds()), normalized};
-    {
-        const Lock lock(auxLock);
-        gpsCal = learned;
-    }
-    StoreGPSCorrection(usb->SerialNumber(), learned);
+    learned = {true, static_cast<uint64_t>(GetEpochSeconds()), normalized};
+    const Lock lock(auxLock);
+    gpsCal = learned;
+    return true;
 }
 
 bool TqDevice::AuxDataIsDue() const { return GetSystemTicks() - lastAuxUpdate > MAX_AUX_UPDATE_RATE_MS; }

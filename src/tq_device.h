@@ -13,6 +13,7 @@
 
 #include "aux_reader.h"
 #include "callers.h"
+#include "gps_file_writer.h"
 #include "tq720_config.h"
 #include "tq_api.h"
 #include "tq_correction_def.h"
@@ -102,7 +103,7 @@ public:
 
     // The one door for all aux packets, called by UpdateAuxData() and by the USB threads of the engines: readers,
     // versions, and the timebase value when the instrument steers it from GPS. A packet without the magic number only
-    // sets the framing flag; null does nothing. Writes the GPS file at a move of the timebase.
+    // sets the framing flag; null does nothing. Has the GPS file written at a move of the timebase, without waiting.
     void UpdateAuxData(const AuxData* aux);
 
     // Whether the last aux packet lacked its magic number. Any thread.
@@ -282,6 +283,7 @@ private:
     TqStatus ConfigureAlone(TqMode mode);
     TqStatus Switch(TqPowerState state);
     TqStatus WriteTimebase(uint16_t ticks);
+    bool TakeAuxData(const AuxData* aux, TqGPSCal& learned);
     TqStatus PlanMode(TqMode mode);
     TqStatus ConfigureModeSweep();
     TqStatus ConfigureModeSweepNarrow();
@@ -306,7 +308,8 @@ private:
     // auxLock guards copies of these between UpdateAuxData(const AuxData*) and the client; nothing blocks under it.
     mutable CriticalSection auxLock;
     TqVersionInfo verInfo TQ_GUARDED_BY(auxLock);
-    TqGPSCal gpsCal TQ_GUARDED_BY(auxLock);  // the GPS timebase value last stored or read
+    TqGPSCal gpsCal TQ_GUARDED_BY(auxLock);        // the GPS timebase value last stored or read
+    std::unique_ptr<GPSFileWriter> gpsFileWriter;  // outlives the engines, which post to it
 
     // At most one, but for the audio mode: EngineAudio reads from EngineIQ, and goes first.
     std::unique_ptr<EngineSweep> engineSweep;

@@ -2,6 +2,8 @@
 // wide ones, and their faults, is the matter of sweep_test.
 #include "sweep_fixture.h"
 
+#include <array>
+
 namespace {
 
 constexpr double LEVEL = -45.0;  // of the carriers, [dBm]; a dozen of them don't overload the converter
@@ -154,6 +156,33 @@ TEST_F(NarrowSweepTest, SpanDecidesAndPlansFollowEachOther) {
             EXPECT_DOUBLE_EQ(sweep.binHz, c.binHz) << c.span;
             ExpectCarrier(sweep, FREQ, std::min(c.span / 2, 100e3));
         }
+    }
+}
+
+// A stamp depends on the sweep that it belongs to, not on the mode before it.
+TEST_F(NarrowSweepTest, StampsFollowTheDecimationOfTheSweep) {
+    Open();
+    instrument->SetGps(sim::GpsState::locked);
+    instrument->AdvanceTime(std::chrono::seconds(3));
+    for (int i = 0; i < 3; i++) {
+        instrument->AdvanceTime(std::chrono::seconds(1));
+        ASSERT_EQ(tqGetGPSInfo(device, tqTrue, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+                  tqNoError);
+    }
+    // Behind each sweep the reader's stamp is that of the last packet, whose delay counts by the decimation.
+    const auto offset = [&](double span) {
+        ConfigureSpan(1e9, span, 10e3);
+        const Sweep sweep = Take();
+        return sweep.time - instrument->GpsNanosAt(instrument->State().startCounter);
+    };
+    for (const double span : {20e6, 4e6}) {
+        std::array<int64_t, 2> behind = {};  // streams of decimation 1 and 4
+        for (std::size_t i = 0; i < behind.size(); i++) {
+            ASSERT_EQ(tqSetIQSampleRate(device, i == 0 ? 1 : 4), tqNoError);
+            ASSERT_EQ(tqConfigure(device, tqModeIQStreaming), tqNoError);
+            behind[i] = offset(span);
+        }
+        EXPECT_NEAR(static_cast<double>(behind[0] - behind[1]), 0.0, 10.0) << span;  // rounding of a few ticks' time
     }
 }
 
