@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <span>
 #include <string_view>
 
@@ -244,16 +244,13 @@ bool AuxReaderGPS::ParseRMC(char* buf, int bufLen) {
     std::array<int, 3> time = {};  // hours, minutes, seconds
     std::array<int, 3> date = {};  // day, month, year of the century
     if (!ReadTriple(rmc[0], time) || !ReadTriple(rmc[8], date)) return true;
-    std::tm utc = {};
-    utc.tm_year = date[2] + 100;
-    utc.tm_mon = date[1] - 1;
-    utc.tm_mday = date[0];
-    utc.tm_hour = time[0];
-    utc.tm_min = time[1];
-    utc.tm_sec = time[2];
-    utc.tm_isdst = -1;
+    // Values out of their range carry over, as they do for timegm, which would allocate at its first call.
+    using namespace std::chrono;
+    const year_month month = year(2000 + date[2]) / January + months(date[1] - 1);
+    const sys_seconds utc =
+        sys_days(month / 1) + days(date[0] - 1) + hours(time[0]) + minutes(time[1]) + seconds(time[2]);
     // The sentence names the second before the edge behind which it is read. Two characters each keep this small.
-    gpsInfo.secSinceEpoch = static_cast<int64_t>(timegm(&utc)) + 1;
+    gpsInfo.secSinceEpoch = int64_t{utc.time_since_epoch().count()} + 1;
     lastPPSTime = gpsInfo.secSinceEpoch * NS_PER_SECOND;
     return true;
 }
