@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 variant=${1:-release}
 targets=("${@:2}")
 options=()
-sanitized=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_BUILD_BENCH=OFF)
+sanitized=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
 case "$variant" in
     release) ;;
     asan) options+=("${sanitized[@]}" -DTQ_SANITIZE=address,undefined) ;;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Lets each single thing fail that the library asks the system for, in each mode (tests/torture.cpp):
+# Lets each single thing fail that the library asks the system for, in each mode (bench/torture.cpp):
 #     scripts/torture.sh [--cut] [release|asan]
 # --cut takes other ones at each call, as many as 2 minutes hold: TQ_TORTURE_SEED repeats those of an earlier call.
 set -euo pipefail
