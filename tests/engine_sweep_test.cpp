@@ -229,6 +229,12 @@ TEST_F(EngineSweepTest, ASlowSweepLeavesNoMarkOnAFastOne) {
     EXPECT_EQ(engine->FinishSweep(nullptr, nullptr, nullptr), tqNoError);
 }
 
+TEST_F(EngineSweepTest, APlanWithoutAValidBinAsserts) {
+    Plan plan = MakePlan(9, 2);
+    for (PatchSetup& patch : plan.setup.stepInfo) patch.validCount = 0;
+    EXPECT_DEATH(MakeEngine(plan), "CompactedBins");
+}
+
 TEST_F(EngineSweepTest, StartAndFinishKeepTheirOrder) {
     const Plan plan = MakePlan(9, 2);
     const std::unique_ptr<EngineSweep> engine = MakeEngine(plan);

@@ -140,6 +140,7 @@ protected:
     void ExpectEndsInTime(Clock::time_point silence, Failure failure) {
         EXPECT_EQ(failure.status, tqConnectionLostErr);
         EXPECT_LT(failure.when - silence, TOLD);
+        RecordProperty("toldMs", static_cast<int>((failure.when - silence) / 1ms));
         ExpectWithin(AT_ONCE, "the next call", [this] { EXPECT_EQ(GetParam().take(device), tqConnectionLostErr); });
         ExpectWithin(STOPPED, "the abort", [this] { EXPECT_EQ(tqAbort(device), tqNoError); });
         ExpectWithin(STOPPED, "the close", [this] { CloseDevice(); });
