@@ -230,6 +230,7 @@ TEST_F(EngineSweepTest, ASlowSweepLeavesNoMarkOnAFastOne) {
 }
 
 TEST_F(EngineSweepTest, APlanWithoutAValidBinAsserts) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the bus has threads
     Plan plan = MakePlan(9, 2);
     for (PatchSetup& patch : plan.setup.stepInfo) patch.validCount = 0;
     EXPECT_DEATH(MakeEngine(plan), "CompactedBins");

@@ -14,6 +14,7 @@ TEST(ThreadSupport, AThreadThatHasEndedIsNotWaitedFor) {
 }
 
 TEST(ThreadSupport, ATestThatStandsStillIsNamedAndEnds) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // other tests of this process have left threads
     const auto standStill = [] {
         Watchdog::Watch("Some.Test", 1);
         while (true) pause();
