@@ -461,7 +461,7 @@ TEST_F(Device, AuxPacketsMayArriveWhileTheClientReads) {
     const CalRecord record;
     const auto device = Unattached();
     device->currentMode = tqModeRealTime;
-    constexpr uint32_t LAST = 40000;
+    constexpr int LAST = 40000;
     std::thread engine([&] {
         AuxData packet = PacketWithFix();
         packet.statusFlags = 0x400;
@@ -470,16 +470,17 @@ TEST_F(Device, AuxPacketsMayArriveWhileTheClientReads) {
             device->UpdateAuxData(&packet);
         }
     });
-    uint16_t seen = 0;
-    while (seen != LAST) {
-        const TqVersionInfo versions = device->GetVersionInfo();
+    TqVersionInfo versions;
+    while (versions.fpgaVersion != LAST) {
+        versions = device->GetVersionInfo();
         EXPECT_EQ(versions.bootFx3Version, versions.fpgaVersion) << "never a mixture of two packets";
         TqBool holdover = tqFalse;
         EXPECT_EQ(device->GetDeviceDiagnostics(nullptr, nullptr, nullptr), tqNoError);
         EXPECT_EQ(device->GetGPSHoldOverInfo(&holdover, nullptr), tqNoError);
         EXPECT_FALSE(device->HasFramingIssues());
         EXPECT_EQ(device->corrections.LoadCorrections(record.data.get()), tqNoError);
-        EXPECT_EQ(device->GetCoarseTuneVal(&seen), tqNoError);
+        uint16_t ticks = 0;
+        EXPECT_EQ(device->GetCoarseTuneVal(&ticks), tqNoError);
     }
     engine.join();
 }
