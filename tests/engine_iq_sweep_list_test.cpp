@@ -227,7 +227,7 @@ TEST_F(EngineIQSweepListTest, DestructionAmidSweepsLeavesAnIdleInstrumentAndAnEm
 }
 
 TEST_F(EngineIQSweepListTest, ACallerBlockedInFinishIsSentHomeByTheEnd) {
-    scripted->allowed = 0;
+    scripted->silent = true;
     const std::unique_ptr<EngineIQSweepList> engine = MakeEngine(List({2000000}));
     std::vector<Ipp16sc> buffer(2000000);
     ASSERT_EQ(engine->StartSweep(7, buffer.data(), nullptr), tqNoError);
@@ -243,7 +243,7 @@ TEST_F(EngineIQSweepListTest, ACallerBlockedInFinishIsSentHomeByTheEnd) {
         engine->End();
     });
     WaitUntilBlocked(ending);
-    scripted->trickle = true;  // what is in flight still comes
+    scripted->silent = false;  // what is in flight still comes
     ender.join();
     caller.join();
     EXPECT_EQ(status, tqInvalidConfigurationErr);

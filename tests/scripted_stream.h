@@ -98,10 +98,11 @@ public:
 
     sim::BulkInResult BulkIn(std::uint8_t, std::span<std::uint8_t> dst) override {
         using Kind = sim::BulkInResult::Kind;
-        if (silent || PacketsUnread() * PACKET_BYTES < dst.size()) return {};
+        using namespace std::chrono;
+        if (silent) return {Kind::pending, 0, steady_clock::now() + milliseconds(1)};
+        if (PacketsUnread() * PACKET_BYTES < dst.size()) return {};
         if (stall) return {Kind::stalled, 0, std::nullopt};
         if (auxPackets >= allowed && acquiring) {
-            using namespace std::chrono;
             if (!trickle) return {Kind::pending, 0, steady_clock::now() + milliseconds(1)};
             if (!nextTrickle) nextTrickle = steady_clock::now() + milliseconds(20);
             if (steady_clock::now() < *nextTrickle) return {Kind::pending, 0, nextTrickle};
