@@ -20,7 +20,6 @@ constexpr int START_WORDS = 5;
 constexpr int64_t FETCHES_PER_BLOCK = (CMD_SIZE_WORDS - MAX_TUNE_WORDS - FIR_COEFF_WORDS - START_WORDS) / FETCH_WORDS;
 
 constexpr int64_t MAX_BLOCKS = std::numeric_limits<int>::max() / CMD_SIZE_WORDS;  // words are counted in an int
-constexpr int64_t SWEEPS_IN_LINE = 16;
 
 int64_t PacketsOf(const TqIQSweepListStep& step) {
     return (int64_t{step.samples} + SAMPLES_PER_PACKET - 1) / SAMPLES_PER_PACKET;
