@@ -24,9 +24,11 @@ using namespace std::chrono_literals;
 constexpr float POISON = 1e30f;
 constexpr unsigned PATIENCE_S = 60;  // of one pair
 #if defined(__SANITIZE_THREAD__)
-constexpr int ROUNDS = 2, SLOWNESS = 5;  // real time must not be outrun: its store is overwritten then
+constexpr int ROUNDS = 2, SLOWNESS = 5;
+constexpr bool OUTRUN = true;
 #else
 constexpr int ROUNDS = 4, SLOWNESS = 1;
+constexpr bool OUTRUN = false;
 #endif
 
 // Spaces its reads out, so that a host of any speed keeps up and a data call takes a while; hands nothing out while it
@@ -293,6 +295,7 @@ class PairsOfCallers : public Callers, public ::testing::WithParamInterface<Data
 protected:
     void SetUp() override {
         Callers::SetUp();
+        if (OUTRUN && call.mode == tqModeRealTime) GTEST_SKIP() << "its store is overwritten, by design";
         const CalRecord record;
         WriteLocalFile(SERIAL, ".bin", record.data.get(), sizeof(TQ720CalData));
         sim::InstrumentOptions options;
